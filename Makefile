@@ -1,0 +1,87 @@
+# Entry points: make demo, make test, make test-asan, make test-tsan,
+# make bench, make fuzz, make install PREFIX=..., make format.
+JOBS     ?= $(shell nproc)
+PREFIX   ?= /usr/local
+FUZZ_SECONDS ?= 60
+CMAKE    ?= cmake
+CTEST    ?= ctest
+
+.PHONY: all deps demo test test-asan test-tsan bench fuzz install format clean
+
+all: build/.configured
+	$(CMAKE) --build build -j $(JOBS)
+
+deps:
+	@scripts/install-deps.sh
+
+build/.configured: | deps
+	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOM_BUILD_TESTS=ON
+	@touch $@
+
+demo: build/.configured
+	$(CMAKE) --build build -j $(JOBS) --target com_demo
+	./build/examples/com_demo
+
+test: build/.configured
+	$(CMAKE) --build build -j $(JOBS)
+	cd build && $(CTEST) --output-on-failure -j $(JOBS)
+
+build-asan/.configured: | deps
+	$(CMAKE) -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCOM_BUILD_TESTS=ON \
+	  -DCOM_SANITIZE=address,undefined
+	@touch $@
+
+test-asan: build-asan/.configured
+	$(CMAKE) --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  $(CTEST) --output-on-failure -j $(JOBS)
+
+build-tsan/.configured: | deps
+	$(CMAKE) -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOM_BUILD_TESTS=ON \
+	  -DCOM_SANITIZE=thread
+	@touch $@
+
+test-tsan: build-tsan/.configured
+	$(CMAKE) --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	  $(CTEST) --output-on-failure -j $(JOBS)
+
+build-bench/.configured: | deps
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DCOM_BUILD_BENCH=ON
+	@touch $@
+
+bench: build-bench/.configured
+	$(CMAKE) --build build-bench -j $(JOBS)
+	@mkdir -p build-bench/results
+	@set -e; for b in $$(find build-bench/bench -maxdepth 2 -type f -name '*_bench' -perm -u+x | sort); do \
+	  n=$$(basename $$b); echo "== $$n"; \
+	  $$b --benchmark_out=build-bench/results/$$n.json --benchmark_out_format=json $(BENCH_ARGS); \
+	done
+	@echo "== ratios (peer time / com time; above 1 means com is faster)"
+	@python3 scripts/bench-ratios.py build-bench/results/*.json
+
+build-fuzz/.configured: | deps
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCOM_FUZZ=ON -DCOM_BUILD_EXAMPLES=OFF
+	@touch $@
+
+fuzz: build-fuzz/.configured
+	$(CMAKE) --build build-fuzz -j $(JOBS)
+	@set -e; for f in $$(find build-fuzz/fuzz -maxdepth 1 -type f -name '*_fuzz' | sort); do \
+	  n=$$(basename $$f _fuzz); mkdir -p build-fuzz/corpus/$$n; \
+	  echo "== fuzzing $$n for $(FUZZ_SECONDS)s"; \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=build-fuzz/corpus/$$n- build-fuzz/corpus/$$n fuzz/corpus/$$n; \
+	done
+
+install: | deps
+	$(CMAKE) -S . -B build-install -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	$(CMAKE) --build build-install -j $(JOBS)
+	$(CMAKE) --install build-install
+
+format:
+	find common tests bench examples fuzz -name '*.h' -o -name '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-install
