@@ -18,11 +18,11 @@ build/.configured: | deps
 	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOM_BUILD_TESTS=ON
 	@touch $@
 
-demo: build/.configured
+demo: deps build/.configured
 	$(CMAKE) --build build -j $(JOBS) --target com_demo
 	./build/examples/com_demo
 
-test: build/.configured
+test: deps build/.configured
 	$(CMAKE) --build build -j $(JOBS)
 	cd build && $(CTEST) --output-on-failure -j $(JOBS)
 
@@ -31,7 +31,7 @@ build-asan/.configured: | deps
 	  -DCOM_SANITIZE=address,undefined
 	@touch $@
 
-test-asan: build-asan/.configured
+test-asan: deps build-asan/.configured
 	$(CMAKE) --build build-asan -j $(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
@@ -42,7 +42,7 @@ build-tsan/.configured: | deps
 	  -DCOM_SANITIZE=thread
 	@touch $@
 
-test-tsan: build-tsan/.configured
+test-tsan: deps build-tsan/.configured
 	$(CMAKE) --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
 	  $(CTEST) --output-on-failure -j $(JOBS)
