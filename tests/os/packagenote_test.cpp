@@ -1,0 +1,302 @@
+#include "common/os/internal/packagenote.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <errno.h>
+#include <filesystem>
+#include <stdlib.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Note {
+  std::string owner;  // without its NUL
+  uint32_t type;
+  std::string desc;
+};
+
+// A little-or-big-endian byte writer.
+struct Out {
+  bool big;
+  std::vector<unsigned char> b;
+  void Put(uint64_t v, size_t width) {
+    for (size_t i = 0; i < width; ++i) {
+      size_t shift = 8 * (big ? width - 1 - i : i);
+      b.push_back(static_cast<unsigned char>(v >> shift));
+    }
+  }
+  void Pad(size_t align) {
+    while (b.size() % align) b.push_back(0);
+  }
+};
+
+// An ELF image with one note area, referenced from a PT_NOTE program header
+// or (inSection) from an SHT_NOTE section header only.
+std::vector<unsigned char> MakeElf(bool is64, bool big,
+                                   const std::vector<Note>& notes,
+                                   bool inSection, size_t align = 4) {
+  Out area{big, {}};
+  for (const Note& n : notes) {
+    area.Put(n.owner.size() + 1, 4);
+    area.Put(n.desc.size() + 1, 4);
+    area.Put(n.type, 4);
+    area.b.insert(area.b.end(), n.owner.begin(), n.owner.end());
+    area.b.push_back(0);
+    area.Pad(align);
+    area.b.insert(area.b.end(), n.desc.begin(), n.desc.end());
+    area.b.push_back(0);
+    area.Pad(align);
+  }
+  const size_t w = is64 ? 8 : 4;
+  const size_t ehsize = is64 ? 64 : 52;
+  const size_t entsize = inSection ? (is64 ? 64 : 40) : (is64 ? 56 : 32);
+  const size_t tableOff = ehsize;
+  const size_t areaOff = tableOff + entsize;
+
+  Out o{big, {}};
+  o.b = {0x7f,
+         'E',
+         'L',
+         'F',
+         static_cast<unsigned char>(is64 ? 2 : 1),
+         static_cast<unsigned char>(big ? 2 : 1),
+         1};
+  o.b.resize(16, 0);
+  o.Put(3, 2);                         // e_type ET_DYN
+  o.Put(62, 2);                        // e_machine
+  o.Put(1, 4);                         // e_version
+  o.Put(0, w);                         // e_entry
+  o.Put(inSection ? 0 : tableOff, w);  // e_phoff
+  o.Put(inSection ? tableOff : 0, w);  // e_shoff
+  o.Put(0, 4);                         // e_flags
+  o.Put(ehsize, 2);                    // e_ehsize
+  o.Put(inSection ? 0 : entsize, 2);   // e_phentsize
+  o.Put(inSection ? 0 : 1, 2);         // e_phnum
+  o.Put(inSection ? entsize : 0, 2);   // e_shentsize
+  o.Put(inSection ? 1 : 0, 2);         // e_shnum
+  o.Put(0, 2);                         // e_shstrndx
+  if (!inSection && is64) {
+    o.Put(4, 4), o.Put(4, 4), o.Put(areaOff, 8), o.Put(0, 8), o.Put(0, 8);
+    o.Put(area.b.size(), 8), o.Put(area.b.size(), 8), o.Put(align, 8);
+  } else if (!inSection) {
+    o.Put(4, 4), o.Put(areaOff, 4), o.Put(0, 4), o.Put(0, 4);
+    o.Put(area.b.size(), 4), o.Put(area.b.size(), 4), o.Put(4, 4);
+    o.Put(align, 4);
+  } else {
+    o.Put(0, 4), o.Put(7, 4), o.Put(2, w), o.Put(0, w), o.Put(areaOff, w);
+    o.Put(area.b.size(), w), o.Put(0, 4), o.Put(0, 4), o.Put(align, w);
+    o.Put(0, w);
+  }
+  o.b.insert(o.b.end(), area.b.begin(), area.b.end());
+  return o.b;
+}
+
+const Note kPackage{"FDO", 0xcafe1a7e, R"({"name":"x","version":"2.5.1"})"};
+const Note kBuildId{"GNU", 3, "0123456789abcdefghi"};
+
+class PackageNoteFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string tmpl =
+        (std::filesystem::temp_directory_path() / "com-pkgnote-XXXXXX")
+            .string();
+    ASSERT_NE(nullptr, mkdtemp(tmpl.data()));
+    dir_ = tmpl;
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+  std::string Write(const char* name, const std::vector<unsigned char>& b) {
+    std::string path = dir_ + "/" + name;
+    FILE* f = std::fopen(path.c_str(), "wb");
+    EXPECT_NE(nullptr, f);
+    if (f) {
+      std::fwrite(b.data(), 1, b.size(), f);
+      std::fclose(f);
+    }
+    return path;
+  }
+  std::string dir_;
+};
+
+TEST(PackageNote, FindsTheNoteInEveryLayout) {
+  struct Row {
+    const char* name;
+    bool is64, big, inSection;
+    size_t align;
+    std::vector<Note> notes;
+  } rows[] = {
+      {"64-bit LE segment", true, false, false, 4, {kPackage}},
+      {"32-bit BE segment", false, true, false, 4, {kPackage}},
+      {"64-bit BE section", true, true, true, 4, {kPackage}},
+      {"32-bit LE section", false, false, true, 4, {kPackage}},
+      {"after other notes, 8-aligned",
+       true,
+       false,
+       false,
+       8,
+       {kBuildId,
+        {"FDO", 1, "{\"version\":\"no\"}"},
+        {"GNU", 0xcafe1a7e, "{\"version\":\"no\"}"},
+        {"FDOX", 0xcafe1a7e, "{\"version\":\"no\"}"},
+        kPackage}},
+      {"after other notes, 4-aligned",
+       false,
+       false,
+       true,
+       4,
+       {kBuildId, {"A", 9, ""}, kPackage, kBuildId}},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<unsigned char> img =
+        MakeElf(r.is64, r.big, r.notes, r.inSection, r.align);
+    ACE_CString json;
+    ASSERT_EQ(0, Kelvane::FindPackageNote(img.data(), img.size(), json));
+    EXPECT_STREQ(kPackage.desc.c_str(), json.c_str());
+    EXPECT_EQ(kPackage.desc.size(), json.length());  // NULs stripped
+  }
+}
+
+TEST(PackageNote, ReportsWhyThereIsNoNote) {
+  std::vector<unsigned char> good = MakeElf(true, false, {kPackage}, false);
+  std::vector<unsigned char> noNote = MakeElf(true, false, {kBuildId}, false);
+  std::vector<unsigned char> badClass = good;
+  badClass[4] = 3;
+  std::vector<unsigned char> badOrder = good;
+  badOrder[5] = 0;
+  std::vector<unsigned char> cutArea(good.begin(), good.end() - 8);
+  std::vector<unsigned char> hugeDesc = good;
+  hugeDesc[64 + 56 + 4] = 0xff;  // descsz of the first note
+  std::vector<unsigned char> tableOutside = good;
+  tableOutside[32] = 0xf0;  // e_phoff far past the end
+  std::vector<unsigned char> shortHeader(good.begin(), good.begin() + 40);
+  std::string text = "#!/bin/sh\necho not an ELF file\n";
+  struct Row {
+    const char* name;
+    std::vector<unsigned char> img;
+    int err;
+  } rows[] = {
+      {"no package note", noNote, ENODATA},
+      {"no notes at all", MakeElf(false, true, {}, true), ENODATA},
+      {"empty", {}, ENOEXEC},
+      {"text", {text.begin(), text.end()}, ENOEXEC},
+      {"unknown class", badClass, ENOEXEC},
+      {"unknown byte order", badOrder, ENOEXEC},
+      {"header cut short", shortHeader, ENOEXEC},
+      {"note area cut short", cutArea, EBADMSG},
+      {"descriptor past the area", hugeDesc, EBADMSG},
+      {"program headers outside the file", tableOutside, EBADMSG},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    ACE_CString json("unchanged");
+    errno = 0;
+    EXPECT_EQ(-1, Kelvane::FindPackageNote(r.img.data(), r.img.size(), json));
+    EXPECT_EQ(r.err, errno);
+    EXPECT_STREQ("unchanged", json.c_str());
+  }
+}
+
+TEST(PackageNote, FieldPicksTopLevelStringMembers) {
+  struct Row {
+    const char* json;
+    const char* key;
+    int err;  // 0 when found
+    std::string value;
+  } rows[] = {
+      {R"({"version":"1.0.0"})", "version", 0, "1.0.0"},
+      {" {\n\t\"a\" : 1 , \"version\" : \" 3 \" }\r\n", "version", 0, " 3 "},
+      {R"({"a":{"version":"inner"},"b":["version"],"version":"outer"})",
+       "version", 0, "outer"},
+      {R"({"version":"a\"b\\c\/d\n\u00e9\ud83d\ude00"})", "version", 0,
+       "a\"b\\c/d\n\xc3\xa9\xf0\x9f\x98\x80"},
+      {R"({"version":"\ud800x\udc00"})", "version", 0,
+       "\xef\xbf\xbdx\xef\xbf\xbd"},
+      {R"({"n":-1.5e+3,"t":true,"f":false,"z":null,"version":""})", "version",
+       0, ""},
+      {R"({"version":"1","version":"2"})", "version", 0, "1"},
+      {R"({"version":1})", "version", ENODATA, ""},
+      {R"({"versions":"1"})", "version", ENODATA, ""},
+      {R"({})", "version", ENODATA, ""},
+      {"", "version", EBADMSG, ""},
+      {R"(["version","1"])", "version", EBADMSG, ""},
+      {R"({"version":"1.0")", "version", EBADMSG, ""},
+      {R"({"version":"1"} x)", "version", EBADMSG, ""},
+      {"{\"version\":\"1\x01\"}", "version", EBADMSG, ""},
+      {R"({"version":"\x41"})", "version", EBADMSG, ""},
+      {R"({"a":01,"version":"1"})", "version", EBADMSG, ""},
+      {R"({"a":[1,],"version":"1"})", "version", EBADMSG, ""},
+      {R"({"a":tru,"version":"1"})", "version", EBADMSG, ""},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.json);
+    ACE_CString value("unchanged");
+    errno = 0;
+    int rc = Kelvane::PackageNoteField(r.json, std::string(r.json).size(),
+                                       r.key, value);
+    if (r.err == 0) {
+      ASSERT_EQ(0, rc);
+      EXPECT_EQ(r.value, std::string(value.c_str(), value.length()));
+    } else {
+      EXPECT_EQ(-1, rc);
+      EXPECT_EQ(r.err, errno);
+      EXPECT_STREQ("unchanged", value.c_str());
+    }
+  }
+}
+
+TEST(PackageNote, FieldRejectsRunawayNesting) {
+  std::string deep = "{\"a\":" + std::string(200, '[') + std::string(200, ']') +
+                     ",\"version\":\"1\"}";
+  std::string fine = "{\"a\":" + std::string(60, '[') + std::string(60, ']') +
+                     ",\"version\":\"1\"}";
+  ACE_CString value;
+  EXPECT_EQ(-1, Kelvane::PackageNoteField(deep.data(), deep.size(), "version",
+                                          value));
+  EXPECT_EQ(EBADMSG, errno);
+  EXPECT_EQ(
+      0, Kelvane::PackageNoteField(fine.data(), fine.size(), "version", value));
+}
+
+TEST_F(PackageNoteFile, ReadsTheLibrarysOwnVersion) {
+  ACE_CString json, version;
+  ASSERT_EQ(0, Kelvane::ReadPackageNote(COM_LIBRARY_FILE, json));
+  EXPECT_NE(ACE_CString::npos, json.find("\"name\":\"com\""));
+  ASSERT_EQ(0, Kelvane::PackageNoteVersion(COM_LIBRARY_FILE, version));
+  EXPECT_STREQ("1.0.0", version.c_str());
+}
+
+TEST_F(PackageNoteFile, FilesWithoutANote) {
+  std::string textFile = Write("readme.txt", {'h', 'i', '\n'});
+  std::string noNote =
+      Write("plain.so", MakeElf(true, false, {kBuildId}, false));
+  std::string synthetic =
+      Write("synthetic.so", MakeElf(false, true, {kPackage}, true));
+  struct Row {
+    std::string path;
+    int err;
+  } rows[] = {
+      {dir_ + "/missing.so", ENOENT},
+      {dir_, EISDIR},
+      {textFile, ENOEXEC},
+      {noNote, ENODATA},
+      // The test program is a real ELF file with notes, but no package note.
+      {"/proc/self/exe", ENODATA},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.path);
+    ACE_CString version("unchanged");
+    errno = 0;
+    EXPECT_EQ(-1, Kelvane::PackageNoteVersion(r.path.c_str(), version));
+    EXPECT_EQ(r.err, errno);
+    EXPECT_STREQ("unchanged", version.c_str());
+  }
+  ACE_CString version;
+  ASSERT_EQ(0, Kelvane::PackageNoteVersion(synthetic.c_str(), version));
+  EXPECT_STREQ("2.5.1", version.c_str());
+}
+
+}  // namespace
