@@ -1,0 +1,245 @@
+#include "common/base/tagmapper.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include <ace/Guard_T.h>
+#include <ace/Object_Manager.h>
+
+#include "common/base/internal/tagmessage.h"
+
+namespace {
+
+// The published singleton. Atomic so that the unlocked first test of the
+// double-checked creation is a proper acquire read.
+std::atomic<TagMapper*> g_instance{nullptr};
+
+// ACE fills this once, under its own internal lock, with the lock that
+// guards the creation (the pointer must outlive the call for that).
+ACE_Thread_Mutex* g_singletonLock = nullptr;
+
+// VR names in eDCMType order.
+const char kVRNames[][3] = {"UN", "AE", "AS", "CS", "DA", "DS", "DT",
+                            "IS", "LO", "LT", "PN", "SH", "ST", "TM",
+                            "UT", "UI", "SS", "US", "AT", "SL", "UL",
+                            "FL", "FD", "OB", "OW", "SQ"};
+const unsigned kTypeCount = sizeof(kVRNames) / sizeof(kVRNames[0]);
+
+// Fibonacci hashing of the 32-bit tag into a table of 2^bits slots.
+inline uint32_t Slot(uint32_t tag, unsigned shift) {
+  return static_cast<uint32_t>(tag * 2654435769u) >> shift;
+}
+
+}  // namespace
+
+// An immutable open-addressing table (linear probing, load at most 1/2)
+// keyed by the tag. Free slots hold `empty`, a key chosen absent from the
+// dictionary. Superseded indexes stay alive (chained through `previous`)
+// until the mapper dies, so a reader never sees one freed.
+struct TagMapper::Index {
+  struct Entry {
+    uint32_t tag;
+    eDCMType type;
+    const char* description;
+  };
+  unsigned shift = 32;
+  uint32_t mask = 0;
+  uint32_t empty = 0xFFFFFFFFu;
+  std::unique_ptr<Entry[]> slots;
+  const Index* previous = nullptr;
+
+  const Entry* Find(uint32_t tag) const {
+    if (tag == empty) return nullptr;
+    for (uint32_t i = Slot(tag, shift);; i = (i + 1) & mask) {
+      const Entry& e = slots[i];
+      if (e.tag == tag) return &e;
+      if (e.tag == empty) return nullptr;
+    }
+  }
+};
+
+namespace Kelvane {
+namespace tagmessage {
+
+TagMapper::eDCMType TypeOfVR(const char* vr) {
+  for (unsigned i = 0; i < kTypeCount; ++i) {
+    if (vr[0] == kVRNames[i][0] && vr[0] != '\0' && vr[1] == kVRNames[i][1]) {
+      return static_cast<TagMapper::eDCMType>(i);
+    }
+  }
+  return TagMapper::UN;
+}
+
+bool ParseMessageLine(const char* line, MessageLine* out) {
+  size_t len = std::strlen(line);
+  while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
+  if (len < 8 || line[4] != ',') return false;
+
+  auto field = [&](size_t from, size_t count) {
+    if (from >= len) return std::string();
+    return std::string(line + from, std::min(count, len - from));
+  };
+  unsigned long group = std::strtoul(field(0, 4).c_str(), nullptr, 16);
+  unsigned long element = std::strtoul(field(5, 4).c_str(), nullptr, 16);
+  out->tag = static_cast<unsigned int>((group << 16 | element) & 0xFFFFFFFFu);
+
+  out->description = field(13, 44);
+  size_t end = out->description.find_last_not_of(" \t");
+  out->description.erase(end == std::string::npos ? 0 : end + 1);
+
+  std::string vr = field(57, 2);
+  out->type = vr.size() == 2 ? TypeOfVR(vr.c_str()) : TagMapper::UN;
+  return true;
+}
+
+std::string FormatTableLine(unsigned int tag, const char* description,
+                            TagMapper::eDCMType type) {
+  std::string line = "  \"";
+  char number[16];
+  std::snprintf(number, sizeof number, "%X", tag);
+  line += number;
+  line += "\", \"";
+  line += description;
+  line += "\", \"";
+  std::snprintf(number, sizeof number, "%d", static_cast<int>(type));
+  line += number;
+  line += "\",\n";
+  return line;
+}
+
+}  // namespace tagmessage
+}  // namespace Kelvane
+
+TagMapper* TagMapper::Instance() {
+  TagMapper* mapper = g_instance.load(std::memory_order_acquire);
+  if (mapper != nullptr) return mapper;
+
+  if (ACE_Object_Manager::get_singleton_lock(g_singletonLock) != 0 ||
+      g_singletonLock == nullptr) {
+    return nullptr;
+  }
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *g_singletonLock, nullptr);
+  mapper = g_instance.load(std::memory_order_relaxed);
+  if (mapper == nullptr) {
+    mapper = new TagMapper;
+    g_instance.store(mapper, std::memory_order_release);
+  }
+  return mapper;
+}
+
+TagMapper::TagMapper() : index_(nullptr) {
+  m_tags.open();
+  LoadTagsFromText();
+}
+
+TagMapper::~TagMapper() {
+  const Index* index = index_.load(std::memory_order_acquire);
+  while (index != nullptr) {
+    const Index* previous = index->previous;
+    delete index;
+    index = previous;
+  }
+}
+
+void TagMapper::LoadTagsFromText() {
+  ACE_GUARD(ACE_Thread_Mutex, guard, writer_);
+  for (const char* const* entry = m_GETable; entry[0] != nullptr; entry += 3) {
+    unsigned int tag =
+        static_cast<unsigned int>(std::strtoul(entry[0], nullptr, 16));
+    eDCMType type = static_cast<eDCMType>(std::atoi(entry[2]));
+    m_tags.bind(tag, std::make_pair(entry[1], type));
+  }
+  Publish();
+}
+
+// Called with writer_ held.
+void TagMapper::Publish() {
+  std::unique_ptr<Index> index(new Index);
+  size_t count = m_tags.current_size();
+  unsigned bits = 4;
+  while ((size_t{1} << bits) < 2 * count) ++bits;
+  index->shift = 32 - bits;
+  index->mask = (1u << bits) - 1;
+
+  // A free-slot key that no entry uses: the largest absent value.
+  std::pair<const char*, eDCMType> unused;
+  while (m_tags.find(index->empty, unused) == 0) --index->empty;
+  index->slots.reset(new Index::Entry[size_t{1} << bits]);
+  for (uint32_t i = 0; i <= index->mask; ++i) {
+    index->slots[i] = Index::Entry{index->empty, UN, nullptr};
+  }
+  for (TagMap::ITERATOR it = m_tags.begin(); it != m_tags.end(); ++it) {
+    uint32_t tag = (*it).ext_id_;
+    uint32_t i = Slot(tag, index->shift);
+    while (index->slots[i].tag != index->empty) i = (i + 1) & index->mask;
+    index->slots[i] =
+        Index::Entry{tag, (*it).int_id_.second, (*it).int_id_.first};
+  }
+  index->previous = index_.load(std::memory_order_relaxed);
+  index_.store(index.release(), std::memory_order_release);
+}
+
+const char* TagMapper::FindDescription(unsigned int tag) const {
+  const Index::Entry* e =
+      index_.load(std::memory_order_acquire)->Find(static_cast<uint32_t>(tag));
+  return e != nullptr ? e->description : nullptr;
+}
+
+const char* TagMapper::FindDescription(const char* text) const {
+  if (text == nullptr) return nullptr;
+  unsigned int group = 0, element = 0;
+  if (std::sscanf(text, "%04X,%04X", &group, &element) != 2) return nullptr;
+  return FindDescription(group << 16 | element);
+}
+
+TagMapper::eDCMType TagMapper::FindVR(unsigned int tag) const {
+  const Index::Entry* e =
+      index_.load(std::memory_order_acquire)->Find(static_cast<uint32_t>(tag));
+  return e != nullptr ? e->type : UN;
+}
+
+unsigned short TagMapper::DCMType2VR(eDCMType type) {
+  if (type == AE) return static_cast<unsigned short>('A' | 'S' << 8);
+  if (type == AS || type >= kTypeCount) return 0;
+  return static_cast<unsigned short>(
+      static_cast<unsigned char>(kVRNames[type][0]) |
+      static_cast<unsigned char>(kVRNames[type][1]) << 8);
+}
+
+const TagMapper::TagMap& TagMapper::GetTags() const { return m_tags; }
+
+void TagMapper::WriteTagsToFile() {
+  namespace tm = Kelvane::tagmessage;
+  FILE* in = std::fopen(tm::kMessageFile, "r");
+  if (in == nullptr) return;
+
+  ACE_GUARD(ACE_Thread_Mutex, guard, writer_);
+  std::unique_ptr<char[]> buffer(new char[tm::kMaxLine]);
+  tm::MessageLine line;
+  while (std::fgets(buffer.get(), static_cast<int>(tm::kMaxLine), in)) {
+    if (!tm::ParseMessageLine(buffer.get(), &line)) continue;
+    owned_.push_back(line.description);
+    if (m_tags.bind(line.tag,
+                    std::make_pair(owned_.back().c_str(), line.type)) != 0) {
+      owned_.pop_back();  // the tag is known already: its entry stays
+    }
+  }
+  std::fclose(in);
+  Publish();
+
+  FILE* out = std::fopen(tm::kTableFile, "w");
+  if (out == nullptr) return;
+  std::fputs(tm::kTableOpening, out);
+  for (TagMap::ITERATOR it = m_tags.begin(); it != m_tags.end(); ++it) {
+    std::fputs(tm::FormatTableLine((*it).ext_id_, (*it).int_id_.first,
+                                   (*it).int_id_.second)
+                   .c_str(),
+               out);
+  }
+  std::fputs(tm::kTableClosing, out);
+  std::fclose(out);
+}
