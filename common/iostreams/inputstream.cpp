@@ -1,0 +1,3 @@
+#include "common/iostreams/inputstream.h"
+
+InputStream::~InputStream() {}

@@ -1,0 +1,3 @@
+#include "common/iostreams/outputstream.h"
+
+OutputStream::~OutputStream() {}
