@@ -18,9 +18,18 @@ namespace {
 // double-checked creation is a proper acquire read.
 std::atomic<TagMapper*> g_instance{nullptr};
 
-// ACE fills this once, under its own internal lock, with the lock that
-// guards the creation (the pointer must outlive the call for that).
-ACE_Thread_Mutex* g_singletonLock = nullptr;
+// The lock that guards the creation: one of ACE's singleton locks, fetched
+// once. ACE fills a caller's pointer after an unlocked test of it, so the
+// one fetch happens inside a function-local static's initialisation, which
+// orders it before every use on every thread.
+ACE_Thread_Mutex* SingletonLock() {
+  static ACE_Thread_Mutex* const lock = [] {
+    ACE_Thread_Mutex* fetched = nullptr;
+    return ACE_Object_Manager::get_singleton_lock(fetched) == 0 ? fetched
+                                                                : nullptr;
+  }();
+  return lock;
+}
 
 // VR names in eDCMType order.
 const char kVRNames[][3] = {"UN", "AE", "AS", "CS", "DA", "DS", "DT",
@@ -118,11 +127,9 @@ TagMapper* TagMapper::Instance() {
   TagMapper* mapper = g_instance.load(std::memory_order_acquire);
   if (mapper != nullptr) return mapper;
 
-  if (ACE_Object_Manager::get_singleton_lock(g_singletonLock) != 0 ||
-      g_singletonLock == nullptr) {
-    return nullptr;
-  }
-  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *g_singletonLock, nullptr);
+  ACE_Thread_Mutex* lock = SingletonLock();
+  if (lock == nullptr) return nullptr;
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *lock, nullptr);
   mapper = g_instance.load(std::memory_order_relaxed);
   if (mapper == nullptr) {
     mapper = new TagMapper;
