@@ -1,0 +1,167 @@
+#include "common/namedevent/internal/sharedevent.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ace/OS_NS_sys_time.h>
+
+#include <gtest/gtest.h>
+
+#include "support/childprocess.h"
+
+namespace {
+
+using Common::internal::SharedEvent;
+
+std::string UniqueName(const char* what) {
+  return std::string("Global\\ComTest_") + what + "_" +
+         std::to_string(static_cast<int>(::getpid()));
+}
+
+bool Exists(const ACE_CString& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool Poll(SharedEvent& ev) {
+  ACE_Time_Value now = ACE_OS::gettimeofday();
+  return ev.Wait(&now) == 0;
+}
+
+TEST(SharedEvent, NamesMapToOneFileEach) {
+  struct Row {
+    const char* name;
+    const char* path;
+  } rows[] = {
+      {"Global\\KelvaneRestart_42",
+       "/dev/shm/com-event.Global\\KelvaneRestart_42"},
+      {"Local\\a", "/dev/shm/com-event.Local\\a"},
+      {"../etc/passwd", "/dev/shm/com-event...%2Fetc%2Fpasswd"},
+      {"a%2Fb", "/dev/shm/com-event.a%252Fb"},
+      {"a/b", "/dev/shm/com-event.a%2Fb"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    EXPECT_STREQ(r.path, SharedEvent::PathFor(r.name).c_str());
+  }
+}
+
+TEST(SharedEvent, AnotherProcessSeesSignalAndReset) {
+  std::string name = UniqueName("cross");
+  testsupport::ChildProcess child;
+  ASSERT_TRUE(child.Start({testsupport::ChildProgram(), "event", name}));
+  std::string line;
+  ASSERT_TRUE(child.ReadLine(&line));
+  ASSERT_EQ("ready", line);  // the child created it
+
+  SharedEvent ev;
+  ASSERT_EQ(0, ev.Open(name.c_str(), false, true));  // mode and state ignored
+  EXPECT_FALSE(Poll(ev));
+  ASSERT_TRUE(child.Send("?"));
+  ASSERT_TRUE(child.ReadLine(&line));
+  EXPECT_EQ("0", line);
+
+  // A child blocked in a wait is woken by this process's signal.
+  ASSERT_TRUE(child.Send("w 10000"));
+  ::usleep(50000);
+  ASSERT_EQ(0, ev.Signal());
+  ASSERT_TRUE(child.ReadLine(&line));
+  EXPECT_EQ("1", line);
+  // Manual reset: it stays signalled for both sides until reset.
+  EXPECT_TRUE(Poll(ev));
+  ASSERT_TRUE(child.Send("r"));
+  ASSERT_TRUE(child.ReadLine(&line));
+  EXPECT_EQ("ok", line);
+  EXPECT_FALSE(Poll(ev));
+  ASSERT_TRUE(child.Send("s"));
+  ASSERT_TRUE(child.ReadLine(&line));
+  EXPECT_TRUE(Poll(ev));
+  EXPECT_EQ(0, child.Finish());
+}
+
+TEST(SharedEvent, LivesWhileAnyHolderHasItOpen) {
+  std::string name = UniqueName("life");
+  ACE_CString path = SharedEvent::PathFor(name.c_str());
+  {
+    SharedEvent creator, user;
+    ASSERT_EQ(0, creator.Open(name.c_str(), true, true));
+    ASSERT_EQ(0, user.Open(name.c_str(), true, false));
+    creator.Close();  // the creator leaving does not end the event
+    EXPECT_TRUE(Exists(path));
+    EXPECT_TRUE(Poll(user));
+  }  // the last holder removes it
+  EXPECT_FALSE(Exists(path));
+  SharedEvent fresh;
+  ASSERT_EQ(0, fresh.Open(name.c_str(), true, false));
+  EXPECT_FALSE(Poll(fresh));
+}
+
+TEST(SharedEvent, AutoResetWaitConsumesTheSignal) {
+  std::string name = UniqueName("auto");
+  SharedEvent ev;
+  ASSERT_EQ(0, ev.Open(name.c_str(), false, true));
+  EXPECT_TRUE(Poll(ev));
+  EXPECT_FALSE(Poll(ev));
+  ACE_Time_Value soon = ACE_OS::gettimeofday() + ACE_Time_Value(0, 20000);
+  EXPECT_EQ(-1, ev.Wait(&soon));
+  EXPECT_EQ(ETIME, errno);
+}
+
+TEST(SharedEvent, OpenToEveryUserWhateverTheUmask) {
+  std::string name = UniqueName("mode");
+  mode_t old = ::umask(077);
+  SharedEvent ev;
+  int rc = ev.Open(name.c_str(), true, false);
+  ::umask(old);
+  ASSERT_EQ(0, rc);
+  struct stat st;
+  ASSERT_EQ(0, ::stat(SharedEvent::PathFor(name.c_str()).c_str(), &st));
+  EXPECT_EQ(0666u, st.st_mode & 07777);
+
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to switch users";
+  // Another user opens and signals root's event.
+  pid_t pid = ::fork();
+  ASSERT_NE(-1, pid);
+  if (pid == 0) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(3);
+    SharedEvent other;
+    if (other.Open(name.c_str(), true, false) != 0) ::_exit(4);
+    ::_exit(other.Signal() == 0 ? 0 : 5);
+  }
+  int status = 0;
+  ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_TRUE(Poll(ev));
+}
+
+TEST(SharedEvent, RefusesBadUse) {
+  SharedEvent ev;
+  EXPECT_EQ(-1, ev.Signal());
+  EXPECT_EQ(EBADF, errno);
+  EXPECT_EQ(-1, ev.Open("", true, false));
+  EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(-1, ev.Open(nullptr, true, false));
+  EXPECT_EQ(EINVAL, errno);
+
+  // A stranger's file under the event's path is not taken for an event.
+  std::string name = UniqueName("squat");
+  ACE_CString path = SharedEvent::PathFor(name.c_str());
+  int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(3, ::write(fd, "abc", 3));
+  ::close(fd);
+  EXPECT_EQ(-1, ev.Open(name.c_str(), true, false));
+  EXPECT_EQ(EINVAL, errno);
+  ::unlink(path.c_str());
+
+  ASSERT_EQ(0, ev.Open(name.c_str(), true, false));
+  EXPECT_EQ(-1, ev.Open(name.c_str(), true, false));
+  EXPECT_EQ(EBUSY, errno);
+}
+
+}  // namespace
