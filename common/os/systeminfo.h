@@ -1,0 +1,98 @@
+// SystemInfo: facts about the machine for logs and diagnostics: memory
+// figures, the process's own memory use, disk figures, the operating
+// system's name and the version of a module.
+//
+// Memory figures are unsigned 32-bit kilobytes (byte counts shifted right by
+// 10, wrapping at 32 bits), except the memory load (a percentage 0..100) and
+// the process figures (bytes). On Linux they come from:
+//   physical      sysinfo(2) total; available = MemAvailable of /proc/meminfo
+//                 (free + buffers when the kernel lacks it); load = used
+//                 share of physical memory in percent, rounded down;
+//   page file     the commit space: physical + swap; available = available
+//                 physical + free swap;
+//   virtual       the process's address space: RLIMIT_AS when set, else the
+//                 architecture's user space (128 TiB on x86-64); available
+//                 = that less the process's current size (/proc/self/statm).
+//                 Both are clamped to 0xFFFFFFFF KB, so an unlimited x86-64
+//                 process reports 4,294,967,295 KB.
+// The older 32-bit figures that the virtual-memory rule below falls back on
+// are the same byte counts saturated at 0xFFFFFFFF bytes.
+//
+// No member throws; failures are logged and leave outputs as documented.
+// The members keep no state and may be called from any thread.
+//
+// Example:
+//   unsigned total, avail, load, vtotal, vavail;
+//   SystemInfo::SystemMemoryInfo(total, avail, load, vtotal, vavail);
+//   ACE_UINT64 size, free;
+//   SystemInfo::DiskInfo("/var/lib/archive", size, free);
+#ifndef COM_COMMON_OS_SYSTEMINFO_H_
+#define COM_COMMON_OS_SYSTEMINFO_H_
+
+#include <ace/Basic_Types.h>
+#include <ace/SString.h>
+
+#include "common/base/comexport.h"
+
+// The machine's memory figures in kilobytes (64-bit, not truncated), as
+// MemoryAllocationException logs them. availExtendedVirtualKB is always 0,
+// as it is on the platforms that define the figure.
+struct SYSTEMINFOSTRUCT {
+  unsigned memoryLoad;  // percent of physical memory in use
+  ACE_UINT64 totalPhysKB;
+  ACE_UINT64 availPhysKB;
+  ACE_UINT64 totalPageFileKB;
+  ACE_UINT64 availPageFileKB;
+  ACE_UINT64 totalVirtualKB;
+  ACE_UINT64 availVirtualKB;
+  ACE_UINT64 availExtendedVirtualKB;
+};
+
+class COM_EXPORT SystemInfo {
+ public:
+  // The seven machine figures. A total virtual figure between 2,097,153 and
+  // 3,145,728 KB inclusive is deliberately replaced by the older 32-bit
+  // figure (see the file comment). When the platform figures cannot be read
+  // the outputs are left untouched.
+  static void SystemMemoryInfoEx(unsigned& totalPhysKB, unsigned& availPhysKB,
+                                 unsigned& memoryLoad, unsigned& totalVirtualKB,
+                                 unsigned& availVirtualKB,
+                                 unsigned& totalPageFileKB,
+                                 unsigned& availPageFileKB);
+  // The first five of the figures above.
+  static void SystemMemoryInfo(unsigned& totalPhysKB, unsigned& availPhysKB,
+                               unsigned& memoryLoad, unsigned& totalVirtualKB,
+                               unsigned& availVirtualKB);
+  // The same figures into a record, in 64 bits; a null record is ignored.
+  static void SystemMemoryInfoEx(SYSTEMINFOSTRUCT* info);
+
+  // The calling process's working set (resident bytes) and committed bytes
+  // (data and stack, the "data" field of /proc/self/statm). Both outputs
+  // are 0 first; false, with a record at LM_DEBUG, when they cannot be read.
+  static bool GetCurrentMemoryUsage(unsigned long& workingSetBytes,
+                                    unsigned long& pagefileBytes);
+
+  // One LM_DEBUG record of the memory figures: seven lines, or the first
+  // five when the process figures cannot be read. The lines that say
+  // "Bytes" carry kilobytes; the text is kept so on purpose.
+  static void LogMemoryStatus();
+
+  // Total bytes and bytes free to the caller (statvfs f_blocks and f_bavail
+  // times f_frsize) of the file system holding `path`. On failure logs at
+  // LM_ERROR and leaves both outputs unchanged.
+  static void DiskInfo(const char* path, ACE_UINT64& total, ACE_UINT64& free);
+
+  // The operating system's display name followed by one blank. On Linux it
+  // is PRETTY_NAME of /etc/os-release (or /usr/lib/os-release), else NAME
+  // and VERSION from there, else the kernel's name and release from
+  // uname(2), e.g. "Debian GNU/Linux 12 (bookworm) ". The Windows version
+  // table and its edition texts are not consulted on Linux.
+  static void OSName(ACE_CString& name);
+
+  // The "version" of the module's package-metadata note (the ELF stand-in
+  // for a version resource), unchanged; "" with a record at LM_ERROR when
+  // the file has no readable note or the note no version.
+  static ACE_CString ApplicationVersion(const ACE_CString& modulePath);
+};
+
+#endif  // COM_COMMON_OS_SYSTEMINFO_H_
