@@ -1,0 +1,136 @@
+#include "common/base/memoryallocationexception.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+
+#include <ace/OS_NS_sys_time.h>
+
+#include <gtest/gtest.h>
+
+#include "common/namedevent/internal/sharedevent.h"
+#include "common/os/systeminfo.h"
+
+#include "support/childprocess.h"
+#include "support/logcapture.h"
+
+namespace {
+
+using Kelvane::MemoryAllocationException;
+
+bool IsSignaled(Common::internal::SharedEvent& ev) {
+  ACE_Time_Value now = ACE_OS::gettimeofday();
+  return ev.Wait(&now) == 0;
+}
+
+// The failing process is a fresh child, so its counter starts at 0 and its
+// threshold is the default; this process plays the supervisor.
+TEST(MemoryAllocationException, AnotherProcessSeesTheRestartEventFromThe16th) {
+  testsupport::ChildProcess child;
+  ASSERT_TRUE(child.Start({testsupport::ChildProgram(), "failures"}));
+  std::string name =
+      "Global\\KelvaneRestart_" + std::to_string(static_cast<int>(child.pid()));
+  Common::internal::SharedEvent restart;
+  ASSERT_EQ(0, restart.Open(name.c_str(), true, false));
+  for (int failure = 1; failure <= 18; ++failure) {
+    SCOPED_TRACE(failure);
+    ASSERT_TRUE(child.Send("f"));
+    std::string count;
+    ASSERT_TRUE(child.ReadLine(&count));
+    EXPECT_EQ(std::to_string(failure), count);
+    EXPECT_EQ(failure >= 16, IsSignaled(restart));
+    // Reset after each signal: every later failure must signal again.
+    if (failure >= 16) {
+      ASSERT_EQ(0, restart.Reset());
+    }
+  }
+  EXPECT_EQ(0, child.Finish());
+}
+
+TEST(MemoryAllocationException, CountsConstructionsButNotCopies) {
+  const unsigned before =
+      MemoryAllocationException::GetGlobalAllocationFailures();
+  // Keep the restart trigger out of this process.
+  const unsigned max =
+      MemoryAllocationException::GetMaxGlobalAllocationFailures();
+  MemoryAllocationException::SetMaxGlobalAllocationFailures(before + 100);
+  {
+    testsupport::LogCapture quiet;
+    MemoryAllocationException a("first", "a.cpp", 1);
+    MemoryAllocationException b(a);
+    MemoryAllocationException c("second", nullptr, 2);
+    c = a;
+    EXPECT_STREQ("first", b.what());
+    EXPECT_STREQ("first", c.what());
+    try {
+      throw MemoryAllocationException("thrown", __FILE__, __LINE__);
+    } catch (const std::exception& e) {
+      EXPECT_STREQ("thrown", e.what());
+    }
+  }
+  EXPECT_EQ(before + 3,
+            MemoryAllocationException::GetGlobalAllocationFailures());
+  MemoryAllocationException::SetMaxGlobalAllocationFailures(max);
+}
+
+TEST(MemoryAllocationException, LogsOneCriticalRecordWithTheFigures) {
+  const unsigned max =
+      MemoryAllocationException::GetMaxGlobalAllocationFailures();
+  MemoryAllocationException::SetMaxGlobalAllocationFailures(~0u);
+  SYSTEMINFOSTRUCT mem{};
+  SystemInfo::SystemMemoryInfoEx(&mem);
+  testsupport::LogCapture log;
+  MemoryAllocationException("no room for pixels", "bufs.cpp", 77);
+  MemoryAllocationException("null file", nullptr, 5);
+  MemoryAllocationException::SetMaxGlobalAllocationFailures(max);
+
+  ASSERT_EQ(2u, log.records().size());
+  const std::string& text = log.records()[0].text;
+  EXPECT_EQ(LM_CRITICAL, log.records()[0].priority);
+  EXPECT_EQ(0u, text.find("MemoryAllocationException: no room for pixels.\n"
+                          "(bufs.cpp:77)\nMemory Usage:\n"))
+      << text;
+  EXPECT_NE(std::string::npos,
+            log.records()[1].text.find("MemoryAllocationException: null file."
+                                       "\n(:5)\n"));
+  // Every figure lands on its own line, in the order of the format.
+  unsigned load = 0;
+  unsigned long long f[8];
+  int n = std::sscanf(
+      text.c_str() + text.find("Memory Usage:\n") + 14,
+      "%u percent of memory is in use.\n%llu KB total physical memory.\n"
+      "%llu KB free physical memory.\n%llu KB total paging file.\n"
+      "%llu KB free paging file.\n%llu KB total virtual memory.\n"
+      "%llu KB free virtual memory.\n%llu KB extended memory.\n",
+      &load, &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &f[6]);
+  ASSERT_EQ(8, n) << text;
+  EXPECT_LE(load, 100u);
+  EXPECT_EQ(mem.totalPhysKB, f[0]);
+  EXPECT_EQ(mem.totalPageFileKB, f[2]);
+  EXPECT_EQ(mem.totalVirtualKB, f[4]);
+  EXPECT_EQ(0u, f[6]);
+  EXPECT_LE(f[1], f[0]);
+}
+
+TEST(MemoryAllocationException, RequiredBufferLengthGetterIsNotTheSetter) {
+  struct Row {
+    unsigned long set;
+    unsigned get;
+  } rows[] = {
+      {1048576000ul, 1024},  // bytes / 1024 / 1000
+      {1000, 0},
+      {1024000, 1},
+      {1023999, 0},
+      {0xFFFFFFFFul, 4194},
+      {0x100000000ul + 1024000, 1},  // the stored field is 32 bits wide
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.set);
+    MemoryAllocationException::SetRequiredBufferLength(r.set);
+    EXPECT_EQ(r.get, MemoryAllocationException::GetRequiredBufferLength());
+  }
+  MemoryAllocationException::SetRequiredBufferLength(0);
+}
+
+}  // namespace
