@@ -1,0 +1,122 @@
+#include "common/iostreams/multiinputstream.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/iostreams/inputmemstream.h"
+#include "common/iostreams/outputmemstream.h"
+#include "common/iostreams/streamcopy.h"
+
+namespace {
+
+TEST(MultiInputStream, ReadsMembersInTurn) {
+  struct Row {
+    const char* name;
+    std::vector<std::string> members;
+    std::vector<unsigned> asks;
+    std::vector<std::string> got;
+  } rows[] = {
+      {"one call takes all", {"ab", "cde"}, {10, 10}, {"abcde", ""}},
+      {"calls across a boundary", {"ab", "cde"}, {1, 3, 5}, {"a", "bcd", "e"}},
+      {"empty member in the middle",
+       {"ab", "", "c"},
+       {2, 1, 1},
+       {"ab", "c", ""}},
+      {"only empty members", {"", ""}, {4}, {""}},
+      {"no members", {}, {4}, {""}},
+      {"count of zero", {"ab"}, {0, 2}, {"", "ab"}},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<InputMemStream*> parts;
+    MultiInputStream multi;
+    unsigned size = 0;
+    for (const std::string& m : r.members) {
+      auto* part =
+          new InputMemStream(m.data(), static_cast<unsigned>(m.size()));
+      multi.AddStream(part, true);
+      size += static_cast<unsigned>(m.size());
+    }
+    EXPECT_EQ(size, multi.Size());
+    unsigned position = 0;
+    for (size_t i = 0; i < r.asks.size(); ++i) {
+      std::string buf(r.asks[i], '#');
+      unsigned n = multi.ReadBytes(&buf[0], r.asks[i]);
+      EXPECT_EQ(r.got[i], buf.substr(0, n)) << "call " << i;
+      position += n;
+      EXPECT_EQ(position, multi.CurPos());
+    }
+    EXPECT_EQ(size, multi.Size()) << "read members still count";
+  }
+}
+
+// Counts its deletions; reads from a fixed text in pieces of at most
+// `step` bytes, like a source that delivers what it has at hand.
+class TrackedStream : public InputStream {
+ public:
+  TrackedStream(std::string text, unsigned step, int* deletions)
+      : text_(std::move(text)), step_(step), deletions_(deletions) {}
+  ~TrackedStream() override { ++*deletions_; }
+  unsigned CurPos() const override { return pos_; }
+  unsigned Size() const override { return static_cast<unsigned>(text_.size()); }
+  unsigned ReadBytes(void* buffer, unsigned count) override {
+    unsigned n = static_cast<unsigned>(text_.size()) - pos_;
+    n = std::min(n, std::min(count, step_));
+    text_.copy(static_cast<char*>(buffer), n, pos_);
+    pos_ += n;
+    return n;
+  }
+
+ private:
+  std::string text_;
+  unsigned step_;
+  int* deletions_;
+  unsigned pos_ = 0;
+};
+
+TEST(MultiInputStream, OwnedMembersDieWithItBorrowedOnesDoNot) {
+  int ownedDeleted = 0, borrowedDeleted = 0;
+  TrackedStream borrowed("BORROWED", 3, &borrowedDeleted);
+  {
+    MultiInputStream multi;
+    multi.AddStream(new TrackedStream("owned-1;", 2, &ownedDeleted), true);
+    multi.AddStream(borrowed);
+    multi.AddStream(nullptr, true);
+    multi.AddStream(new TrackedStream(";owned-2", 5, &ownedDeleted), true);
+    // Short reads from a member are asked again within the same call.
+    OutputMemStream out(0, 0, nullptr);
+    out << multi;
+    EXPECT_EQ(
+        "owned-1;BORROWED;owned-2",
+        std::string(reinterpret_cast<const char*>(out.Data()), out.CurPos()));
+    EXPECT_EQ(0, ownedDeleted);
+  }
+  EXPECT_EQ(2, ownedDeleted);
+  EXPECT_EQ(0, borrowedDeleted);
+}
+
+TEST(MultiInputStream, MembersAddedWhileReadingAndPartlyReadOnes) {
+  InputMemStream a("abc"), b("defg"), c("xyz");
+  char buf[16];
+  ASSERT_EQ(2u, b.ReadBytes(buf, 2));  // b stands at "fg"
+  MultiInputStream multi;
+  multi.AddStream(a);
+  multi.AddStream(b);
+  ASSERT_EQ(2u, multi.ReadBytes(buf, 2));
+  EXPECT_EQ("ab", std::string(buf, 2));
+  multi.AddStream(c);
+  ASSERT_EQ(6u, multi.ReadBytes(buf, sizeof buf));
+  EXPECT_EQ("cfgxyz", std::string(buf, 6));
+  EXPECT_EQ(0u, multi.ReadBytes(buf, sizeof buf));
+  EXPECT_EQ(3u + 4u + 3u, multi.Size());
+
+  // A member added after the end is reached in turn.
+  InputMemStream d("late");
+  multi.AddStream(d);
+  ASSERT_EQ(4u, multi.ReadBytes(buf, sizeof buf));
+  EXPECT_EQ(12u, multi.CurPos());
+}
+
+}  // namespace
