@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "common/base/comlog.h"
+#include "common/base/internal/localzone.h"
 #include "common/os/configstore.h"
 #include "common/os/internal/osfilerules.h"
 
@@ -1160,5 +1161,81 @@ int NumberOfProcessors() {
 }
 
 unsigned long GetThisProcessMemoryUsage() { return 0; }
+
+// ================================================ file times and BDateTime
+
+bool BDateTimeToUTC(const BDateTime& dt, ACE_UINT64& fileTime) {
+  unsigned int y, m, d;
+  dt.GetDate().GetYMD(y, m, d);
+  localzone::Record local;
+  local.year = static_cast<int32_t>(y);
+  local.month = static_cast<int32_t>(m);
+  local.day = static_cast<int32_t>(d);
+  local.hour = dt.GetTime().GetHour();
+  local.minute = dt.GetTime().GetMinute();
+  local.second = dt.GetTime().GetSecond();
+  local.millisecond = dt.GetTime().GetMilliSecond();
+  int64_t utc = 0;
+  if (localzone::IsValidRecord(local) &&
+      !localzone::ResolveLocal(localzone::RecordToSeconds(local),
+                               localzone::OffsetAt, utc)) {
+    COM_LOG((LM_ERROR,
+             "OSFile::BDateTimeToUTC: Error getting the time zone bias: OS "
+             "Error: %m.\nWill not convert BDateTime to UTC\n"));
+    return false;
+  }
+  int64_t const since1601 =
+      utc + static_cast<int64_t>(kFileTimeEpochOffsetSeconds);
+  if (!localzone::IsValidRecord(local) || since1601 < 0) {
+    errno = EINVAL;
+    COM_LOG((LM_ERROR,
+             "OSFile::BDateTimeToUTC: SystemTimeToFileTime() failed. OS "
+             "Error: %m\n"));
+    return false;
+  }
+  fileTime =
+      static_cast<ACE_UINT64>(since1601) * kFileTimeUnitsPerSecond +
+      static_cast<ACE_UINT64>(local.millisecond) * kFileTimeUnitsPerMillisecond;
+  return true;
+}
+
+bool UTCToBDateTime(ACE_UINT64 fileTime, BDateTime& dt) {
+  int64_t const since1601 =
+      static_cast<int64_t>(fileTime / kFileTimeUnitsPerSecond);
+  int64_t const seconds =
+      since1601 - static_cast<int64_t>(kFileTimeEpochOffsetSeconds);
+  int32_t const ms =
+      static_cast<int32_t>(fileTime / kFileTimeUnitsPerMillisecond % 1000);
+  int32_t offset = 0;
+  localzone::Record local;
+  bool ok = fileTime <= kFileTimeMax;
+  if (!ok) errno = EINVAL;
+  if (ok) ok = localzone::OffsetAt(seconds, offset);
+  if (!ok) {
+    COM_LOG((LM_ERROR,
+             "OSFile::UTCToBDateTime: FileTimeToLocalFileTime() failed. OS "
+             "Error: %m\n"));
+    return false;
+  }
+  // The local file time must itself be a valid file time.
+  int64_t const local1601 = since1601 + offset;
+  if (local1601 < 0 ||
+      static_cast<ACE_UINT64>(local1601) >=
+          kFileTimeMax / kFileTimeUnitsPerSecond ||
+      !localzone::SecondsToLocal(seconds, ms, local)) {
+    errno = EINVAL;
+    COM_LOG((LM_ERROR,
+             "OSFile::UTCToBDateTime: FileTimeToSystemTime() failed. OS "
+             "Error: %m\n"));
+    return false;
+  }
+  dt = BDateTime(
+      BDate(static_cast<unsigned int>(local.year),
+            static_cast<unsigned int>(local.month),
+            static_cast<unsigned int>(local.day)),
+      BTime(static_cast<unsigned int>(
+          ((local.hour * 60 + local.minute) * 60 + local.second) * 1000 + ms)));
+  return true;
+}
 
 }  // namespace Kelvane

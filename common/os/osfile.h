@@ -64,6 +64,7 @@
 #include <ace/SString.h>
 #include <ace/config-lite.h>
 
+#include "common/base/bdatetime.h"
 #include "common/base/comexport.h"
 
 namespace Kelvane {
@@ -147,6 +148,38 @@ COM_EXPORT void PathToList(const char* path, std::list<ACE_CString>& out);
 // The UTC file time as "MM/DD/YYYY hh:mm:ss" (no conversion to local time):
 // 0 gives "01/01/1601 00:00:00".
 COM_EXPORT ACE_CString FileTimeToString(const ACE_UINT64& fileTime);
+
+// ------------------------------------------------- file times and BDateTime
+//
+// File times are 64-bit counts of 100-nanosecond units since
+// 1601-01-01 00:00 UTC, held in ACE_UINT64.
+
+// File-time units per second and per millisecond.
+const ACE_UINT64 kFileTimeUnitsPerSecond = 10000000ULL;
+const ACE_UINT64 kFileTimeUnitsPerMillisecond = 10000ULL;
+// Seconds from 1601-01-01 to 1970-01-01, and the file time of 1970-01-01.
+const ACE_UINT64 kFileTimeEpochOffsetSeconds = 11644473600ULL;
+const ACE_UINT64 kFileTimeUnixEpoch =
+    kFileTimeEpochOffsetSeconds * kFileTimeUnitsPerSecond;
+// The largest file time the conversions accept (as a signed 64-bit count).
+const ACE_UINT64 kFileTimeMax = 0x7FFFFFFFFFFFFFFFULL;
+
+// A local date-time to a UTC file time, by the zone rules in force at that
+// date (a time in a skipped or repeated daylight-saving hour is read with
+// the offset in force before the change). An invalid time counts as
+// midnight. Returns false, logs and leaves `fileTime` untouched when the
+// date is invalid or before 1601 ("SystemTimeToFileTime() failed", errno
+// EINVAL) or the zone cannot be read ("Error getting the time zone bias").
+COM_EXPORT bool BDateTimeToUTC(const BDateTime& dt, ACE_UINT64& fileTime);
+
+// A UTC file time to a local date-time (precision Millisecond), by the zone
+// rules in force at that instant. Returns false and logs when the file time
+// is above kFileTimeMax or the zone cannot be read
+// ("FileTimeToLocalFileTime() failed"), or when the local time falls
+// outside the file-time range ("FileTimeToSystemTime() failed"); `dt` is
+// then untouched. A local date outside 1000..9999 is stored as the invalid
+// date while the call still succeeds.
+COM_EXPORT bool UTCToBDateTime(ACE_UINT64 fileTime, BDateTime& dt);
 
 // ---------------------------------------------------------------- files
 
