@@ -26,7 +26,9 @@ class BTimeSpan;
 class COM_EXPORT BTime {
  public:
   // The finest field a value was given with; finer fields are zero.
-  enum Precision { Hour = 0, Minute = 1, Second = 2, Millisecond = 3 };
+  // A fixed underlying type, so that any int converts to it and the
+  // functions taking a Precision can reject values outside the four.
+  enum Precision : int { Hour = 0, Minute = 1, Second = 2, Millisecond = 3 };
 
   // Every constructor stores -1 instead of a value that is not below
   // 86400000, and keeps the precision it set.

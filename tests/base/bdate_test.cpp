@@ -226,7 +226,7 @@ TEST(BDate, EveryValidDayAgainstIndependentCalendar) {
   int64_t const last = comtest::DaysFromCivil(9999, 12, 31);
   unsigned const base = 364878;  // day number of 1000-01-01
   int failures = 0;
-  char text[32];
+  char text[9];
   for (int64_t z = first; z <= last && failures < 10; ++z) {
     comtest::Civil c = comtest::CivilFromDays(z);
     unsigned const y = static_cast<unsigned>(c.y);
@@ -235,13 +235,17 @@ TEST(BDate, EveryValidDayAgainstIndependentCalendar) {
     unsigned gy = 0, gm = 0, gd = 0;
     utl_scalar_to_ymd(static_cast<long>(expected), &gy, &gm, &gd);
     BDate from_scalar(expected);
-    std::snprintf(text, sizeof text, "%04u%02u%02u", y, c.m, c.d);
+    unsigned sy = 0, sm = 0, sd = 0;
+    from_scalar.GetYMD(sy, sm, sd);
+    unsigned const digits[8] = {y / 1000, y / 100 % 10, y / 10 % 10, y % 10,
+                                c.m / 10, c.m % 10,     c.d / 10,    c.d % 10};
+    for (int i = 0; i < 8; ++i) text[i] = static_cast<char>('0' + digits[i]);
+    text[8] = 0;
     BDate parsed(text);
     bool ok = static_cast<unsigned>(date - BDate()) == expected &&
               utl_ymd_to_scalar(y, c.m, c.d) == static_cast<long>(expected) &&
-              gy == y && gm == c.m && gd == c.d && from_scalar.GetYear() == y &&
-              from_scalar.GetMonth() == c.m && from_scalar.GetDay() == c.d &&
-              (parsed == date) == 1 &&
+              gy == y && gm == c.m && gd == c.d && sy == y && sm == c.m &&
+              sd == c.d && (parsed == date) == 1 &&
               date.GetDayofWeek() == comtest::WeekdayFromDays(z) &&
               date.IsValid();
     if (!ok) {
