@@ -21,6 +21,7 @@
 #include "common/base/internal/localzone.h"
 #include "common/os/configstore.h"
 #include "common/os/internal/osfilerules.h"
+#include "common/os/internal/packagenote.h"
 
 namespace Kelvane {
 
@@ -1140,6 +1141,62 @@ ACE_CString GetServerPath() {
   if (rc > 0) value = "";
   if (value.length() > 4095) value = Sub(value, 0, 4095);
   return value + "/";
+}
+
+namespace {
+
+// One version text of the note, without its spaces.
+void QueryVersion(const ACE_CString& json, const char* key, ACE_CString& out) {
+  ACE_CString value;
+  if (PackageNoteField(json.c_str(), json.length(), key, value) != 0) {
+    COM_LOG((LM_DEBUG, "OSFile::GetVersion: Unable to query version info\n"));
+    return;
+  }
+  if (value.length() == 0) {
+    COM_LOG((LM_DEBUG, "OSFile::GetVersion: Version value not available\n"));
+    return;
+  }
+  std::string kept;
+  for (size_t i = 0; i < value.length(); ++i) {
+    if (value[i] != ' ') kept += value[i];
+  }
+  out = ACE_CString(kept.c_str(), kept.size());
+}
+
+}  // namespace
+
+void GetApplicationVersions(const ACE_CString& file, ACE_CString& fileVersion,
+                            ACE_CString& productVersion) {
+  fileVersion = "";
+  productVersion = "";
+  if (!isFile(file)) {
+    fileVersion = "Not available";
+    productVersion = "Not available";
+    return;
+  }
+  ACE_CString json;
+  if (ReadPackageNote(file.c_str(), json) != 0) {
+    // A note that is there but cannot be made out is a failed read; no note
+    // at all is a resource of size 0.
+    if (errno == EBADMSG || errno == EIO) {
+      COM_LOG((LM_DEBUG,
+               "OSFile::GetApplicationVersions: Unable to get file version "
+               "info\n"));
+    } else {
+      COM_LOG((LM_DEBUG,
+               "OSFile::GetApplicationVersions: Unable to get file version "
+               "info size\n"));
+    }
+    return;
+  }
+  QueryVersion(json, "version", fileVersion);
+  QueryVersion(json, "version", productVersion);
+}
+
+ACE_CString ApplicationVersion(const ACE_CString& file) {
+  ACE_CString fileVersion, productVersion;
+  GetApplicationVersions(file, fileVersion, productVersion);
+  return productVersion;
 }
 
 ACE_CString LastErrorString() {

@@ -345,6 +345,17 @@ COM_EXPORT ACE_CString GetLogRoot();
 // exists ("/" alone when only the value is missing); "" without the key.
 COM_EXPORT ACE_CString GetServerPath();
 
+// The version texts of the ELF file's package-metadata note. Both outputs
+// are cleared first; a path that is not a file gives "Not available" in
+// both; a file without a readable note leaves both empty (logged at debug).
+// Otherwise both receive its "version" without spaces: "5, 2, 0, 1" gives
+// "5,2,0,1".
+COM_EXPORT void GetApplicationVersions(const ACE_CString& file,
+                                       ACE_CString& fileVersion,
+                                       ACE_CString& productVersion);
+// The product version of GetApplicationVersions.
+COM_EXPORT ACE_CString ApplicationVersion(const ACE_CString& file);
+
 // The system's text for errno, on one line.
 COM_EXPORT ACE_CString LastErrorString();
 // Logs "SetThreadPriorityBoost succeeded" at debug; Linux has no boost.

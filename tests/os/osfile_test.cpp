@@ -949,3 +949,74 @@ TEST(OSFileSystem, ExecutableAndMisc) {
 }
 
 }  // namespace
+
+namespace {
+
+// A copy of a system binary with a package note section holding `json` (no
+// note when `json` is null). Empty when the tools are missing.
+std::string BinaryWithNote(const std::string& dir, const char* json) {
+  std::string out = dir + "/prog";
+  std::string cmd = "cp /bin/true '" + out + "'";
+  if (std::system(cmd.c_str()) != 0) return "";
+  if (json == nullptr) return out;
+  std::string note;
+  auto u32 = [&note](uint32_t v) {
+    for (int i = 0; i < 4; ++i) note += static_cast<char>(v >> (8 * i));
+  };
+  std::string desc(json);
+  desc += '\0';
+  while (desc.size() % 4) desc += '\0';
+  u32(4);
+  u32(static_cast<uint32_t>(std::strlen(json) + 1));
+  u32(0xcafe1a7e);
+  note += std::string("FDO\0", 4);
+  note += desc;
+  std::ofstream(dir + "/note.bin", std::ios::binary) << note;
+  cmd = "objcopy --add-section .note.package='" + dir +
+        "/note.bin' --set-section-flags .note.package=noload,readonly '" + out +
+        "' 2>/dev/null";
+  return std::system(cmd.c_str()) == 0 ? out : "";
+}
+
+TEST_F(OSFileTest, ApplicationVersions) {
+  // The library's own note, as readelf shows it.
+  std::string cmd = std::string("readelf -n '") + COM_LIBRARY_FILE + "'";
+  FILE* p = ::popen(cmd.c_str(), "r");
+  ASSERT_NE(nullptr, p);
+  std::string text;
+  char buf[512];
+  while (std::fgets(buf, sizeof buf, p)) text += buf;
+  ::pclose(p);
+  size_t at = text.find("\"version\":\"");
+  ASSERT_NE(std::string::npos, at) << text;
+  at += 11;
+  std::string want = text.substr(at, text.find('"', at) - at);
+  EXPECT_EQ(want, S(Kelvane::ApplicationVersion(COM_LIBRARY_FILE)));
+
+  struct Row {
+    const char* json;  // null: no note
+    const char* version;
+  } rows[] = {
+      {"{\"name\":\"x\",\"version\":\"5, 2, 0, 1\"}", "5,2,0,1"},
+      {"{\"name\":\"x\"}", ""},
+      {"{\"version\":\"\"}", ""},
+      {nullptr, ""},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.json ? r.json : "no note");
+    std::string bin = BinaryWithNote(root_, r.json);
+    if (bin.empty()) GTEST_SKIP() << "cp or objcopy is missing";
+    ACE_CString fv("x"), pv("y");
+    Kelvane::GetApplicationVersions(bin.c_str(), fv, pv);
+    EXPECT_STREQ(r.version, fv.c_str());
+    EXPECT_STREQ(r.version, pv.c_str());
+  }
+  for (const std::string& path : {root_, P("none")}) {
+    ACE_CString fv, pv;
+    Kelvane::GetApplicationVersions(path.c_str(), fv, pv);
+    EXPECT_STREQ("Not available", fv.c_str());
+    EXPECT_STREQ("Not available", pv.c_str());
+  }
+}
+
+}  // namespace
