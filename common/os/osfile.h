@@ -84,6 +84,11 @@ class COM_EXPORT FileInfo {
   FileInfo& operator=(const FileInfo&) = default;
   FileInfo& operator=(FileInfo&&) = default;
 
+  // The stored times as local date-times (UTCToBDateTime); a time that
+  // cannot be converted logs at critical and gives BDateTime().
+  BDateTime creationLocalTime() const;
+  BDateTime modifiedLocalTime() const;
+
   const ACE_CString& path() const { return path_; }
   void path(const ACE_CString& p) { path_ = p; }
   int size() const { return size_; }
@@ -239,6 +244,20 @@ COM_EXPORT bool getFileAttribute(const char* path, FileAttribute which,
 COM_EXPORT bool setFileAttribute(const char* path, FileAttribute which,
                                  bool on);
 
+// The last-write time of the first entry matching `path` (a wildcard
+// pattern in the last element picks its first match, "." included), as a
+// local date-time. False when nothing matches (logged at error) or the time
+// cannot be converted.
+COM_EXPORT bool getFileLastModTime(const char* path, BDateTime& out);
+// Sets only the last-write time of the file (opened read-write). False, and
+// logged at error with the path, when `when` cannot be converted, the file
+// cannot be opened or the time cannot be set.
+COM_EXPORT bool setFileLastModTime(const char* path, const BDateTime& when);
+// A creation time cannot be set on Linux: after the conversion and the
+// opening (each logged as above on failure) it fails with ENOTSUP, logged
+// as "SetFileTime() failed".
+COM_EXPORT bool setFileCreateTime(const char* path, const BDateTime& when);
+
 // Path and both times of `info` from the file (its size is left alone).
 // False for an empty path; logs at error when the file cannot be read.
 COM_EXPORT bool getFileTimes(const ACE_CString& path, FileInfo& info);
@@ -304,6 +323,17 @@ COM_EXPORT void GetFileListByDate(std::vector<FileInfo>& out,
                                   bool recursive, bool nameOnly,
                                   ACE_UINT64 from, ACE_UINT64 to,
                                   bool byCreationTime);
+
+// The dates as a range: a null `from` is 0, a null `to` all ones; else
+// `from` is local midnight at the start of its day and `to` local midnight
+// at the end of its day (the next midnight, inclusive), both in UTC. Then
+// GetFileListByDate. False, without listing, when a date cannot be
+// converted (logged at error).
+COM_EXPORT bool GetFileListByBDate(std::vector<FileInfo>& out,
+                                   const ACE_CString& dir, const char* suffix,
+                                   bool recursive, bool nameOnly,
+                                   const BDate* from, const BDate* to,
+                                   bool byCreationTime);
 
 // ---------------------------------------------------------------- compression
 

@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
+#include <random>
 #include <set>
 #include <signal.h>
 #include <spawn.h>
@@ -23,6 +25,9 @@
 #include <gtest/gtest.h>
 
 #include "common/os/internal/osfilerules.h"
+
+#include "support/civil.h"
+#include "support/scopedtz.h"
 
 extern char** environ;
 
@@ -1016,6 +1021,193 @@ TEST_F(OSFileTest, ApplicationVersions) {
     Kelvane::GetApplicationVersions(path.c_str(), fv, pv);
     EXPECT_STREQ("Not available", fv.c_str());
     EXPECT_STREQ("Not available", pv.c_str());
+  }
+}
+
+}  // namespace
+
+
+namespace {
+
+using comtest::ScopedTZ;
+using comtest::UtcSeconds;
+using Kelvane::internal::FileTimeFromUnix;
+
+// Sets the last-write time of `path` to an instant with milliseconds.
+void SetMTimeMs(const std::string& path, int64_t sec, int ms) {
+  struct timespec ts[2] = {{0, UTIME_OMIT},
+                           {static_cast<time_t>(sec), ms * 1000000L}};
+  ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), ts, 0));
+}
+
+struct statx StatxOf(const std::string& path) {
+  struct statx stx;
+  EXPECT_EQ(0, ::statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS, &stx));
+  return stx;
+}
+
+TEST_F(OSFileTest, LastModTimeGetAndSet) {
+  ScopedTZ tz("Europe/Berlin");
+  Write("f.dcm", "x");
+  Write("g.txt", "x");
+  SetMTimeMs(P("f.dcm"), UtcSeconds(2021, 6, 1, 12, 34, 56), 789);
+  BDateTime dt;
+  ASSERT_TRUE(Kelvane::getFileLastModTime(P("f.dcm").c_str(), dt));
+  EXPECT_STREQ("06/01/2021 14:34:56.0789", dt.ToString().c_str());
+  // A pattern picks its first match.
+  BDateTime viaPattern;
+  ASSERT_TRUE(Kelvane::getFileLastModTime(P("*.DCM").c_str(), viaPattern));
+  EXPECT_TRUE(dt == viaPattern);
+  EXPECT_FALSE(Kelvane::getFileLastModTime(P("*.none").c_str(), dt));
+  EXPECT_FALSE(Kelvane::getFileLastModTime(P("none").c_str(), dt));
+
+  // Setting: local 2020-02-29 23:59:59.500 in Berlin is 22:59:59.5 UTC.
+  ASSERT_TRUE(Kelvane::setFileLastModTime(P("g.txt").c_str(),
+                                          BDateTime("20200229 235959.5")));
+  struct statx stx = StatxOf(P("g.txt"));
+  EXPECT_EQ(UtcSeconds(2020, 2, 29, 22, 59, 59), stx.stx_mtime.tv_sec);
+  EXPECT_EQ(500000000u, stx.stx_mtime.tv_nsec);
+  EXPECT_FALSE(Kelvane::setFileLastModTime(P("none").c_str(),
+                                           BDateTime("20200229 235959")));
+  EXPECT_FALSE(Kelvane::setFileLastModTime(P("g.txt").c_str(), BDateTime()));
+  EXPECT_EQ(UtcSeconds(2020, 2, 29, 22, 59, 59),
+            StatxOf(P("g.txt")).stx_mtime.tv_sec);
+
+  errno = 0;
+  EXPECT_FALSE(Kelvane::setFileCreateTime(P("g.txt").c_str(),
+                                          BDateTime("20200229 235959")));
+  EXPECT_EQ(ENOTSUP, errno);
+  EXPECT_FALSE(Kelvane::setFileCreateTime(P("none").c_str(),
+                                          BDateTime("20200229 235959")));
+}
+
+TEST_F(OSFileTest, FileInfoLocalTimes) {
+  ScopedTZ tz("UTC");
+  FileInfo info(
+      ACE_CString("p"), 1,
+      FileTimeFromUnix(UtcSeconds(2009, 3, 7, 14, 5, 9), 0),
+      FileTimeFromUnix(UtcSeconds(2024, 12, 31, 23, 59, 59), 250000000));
+  EXPECT_STREQ("03/07/2009 14:05:09.0000",
+               info.creationLocalTime().ToString().c_str());
+  EXPECT_STREQ("12/31/2024 23:59:59.0250",
+               info.modifiedLocalTime().ToString().c_str());
+  info.modifiedTime(~ACE_UINT64(0));
+  EXPECT_FALSE(info.modifiedLocalTime().IsValid());
+}
+
+TEST_F(OSFileTest, ListingByBDateKeepsWholeLocalDays) {
+  ScopedTZ tz("America/New_York");
+  Dir("l");
+  // The day is 2024-03-10, which has 23 hours there (clocks go forward).
+  struct Row {
+    const char* name;
+    int64_t utc;
+  } files[] = {
+      {"before",
+       UtcSeconds(2024, 3, 10, 4, 59, 59)},          // 23:59:59 the day before
+      {"start", UtcSeconds(2024, 3, 10, 5, 0, 0)},   // local midnight
+      {"late", UtcSeconds(2024, 3, 11, 3, 59, 59)},  // 23:59:59
+      {"end", UtcSeconds(2024, 3, 11, 4, 0, 0)},     // next midnight
+      {"after", UtcSeconds(2024, 3, 11, 4, 0, 1)},
+  };
+  for (const Row& f : files) {
+    Write(std::string("l/") + f.name, f.name);
+    SetMTimeMs(P(std::string("l/") + f.name), f.utc, 0);
+  }
+  BDate day("20240310");
+  std::vector<FileInfo> out;
+  ASSERT_TRUE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false, true,
+                                          &day, &day, false));
+  std::set<std::string> got;
+  for (const FileInfo& f : out) got.insert(S(f.path()));
+  EXPECT_EQ((std::set<std::string>{"start", "late", "end"}), got);
+
+  out.clear();
+  ASSERT_TRUE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false, true,
+                                          nullptr, &day, false));
+  EXPECT_EQ(4u, out.size());
+  out.clear();
+  ASSERT_TRUE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false, true,
+                                          &day, nullptr, false));
+  EXPECT_EQ(4u, out.size());
+  out.clear();
+  ASSERT_TRUE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false, true,
+                                          nullptr, nullptr, false));
+  EXPECT_EQ(5u, out.size());
+
+  // An invalid date cannot be converted: nothing is listed.
+  BDate bad;
+  out.clear();
+  EXPECT_FALSE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false,
+                                           true, &bad, &day, false));
+  EXPECT_FALSE(Kelvane::GetFileListByBDate(out, P("l").c_str(), "*", false,
+                                           true, &day, &bad, false));
+  EXPECT_TRUE(out.empty());
+}
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)),
+                     std::istreambuf_iterator<char>());
+}
+
+// gzip's own test of the file, then its decompressed bytes.
+std::string Gunzip(const std::string& gz) {
+  EXPECT_EQ(0, std::system(("gzip -t '" + gz + "'").c_str())) << gz;
+  std::string out = gz + ".out";
+  EXPECT_EQ(0, std::system(("gzip -dc '" + gz + "' > '" + out + "'").c_str()));
+  std::string data = ReadAll(out);
+  ::unlink(out.c_str());
+  return data;
+}
+
+TEST_F(OSFileTest, CompressBothWays) {
+  std::mt19937 rng(5);
+  struct Row {
+    size_t size;
+  } rows[] = {{0}, {1}, {524287}, {524288}, {524289}, {1200000}, {3000001}};
+  int (*const fns[])(const ACE_CString&, bool) = {&Kelvane::CompressFile,
+                                                  &Kelvane::CompressFile2};
+  for (int which = 0; which < 2; ++which) {
+    for (const Row& r : rows) {
+      SCOPED_TRACE(std::to_string(which + 1) + ": " + std::to_string(r.size));
+      std::string data(r.size, '\0');
+      for (size_t i = 0; i < r.size; ++i) {
+        data[i] = static_cast<char>(i % 3 == 0 ? rng() : i / 7);
+      }
+      const std::string src = P("src" + std::to_string(r.size));
+      Write("src" + std::to_string(r.size), data);
+      SetMTimeMs(src, UtcSeconds(2019, 7, 1, 8, 0, 0), 123);
+      // Junk already at the .gz name is replaced entirely.
+      Write("src" + std::to_string(r.size) + ".gz", std::string(5000000, 'j'));
+      ASSERT_EQ(0, fns[which](src.c_str(), false));
+      EXPECT_EQ(data, Gunzip(src + ".gz"));
+      struct statx gz = StatxOf(src + ".gz");
+      EXPECT_EQ(UtcSeconds(2019, 7, 1, 8, 0, 0), gz.stx_mtime.tv_sec);
+      EXPECT_EQ(123000000u, gz.stx_mtime.tv_nsec);
+      EXPECT_TRUE(Kelvane::isFile(src.c_str()));
+      ASSERT_EQ(0, fns[which](src.c_str(), true));
+      EXPECT_FALSE(Kelvane::isFile(src.c_str()));
+      EXPECT_EQ(data, Gunzip(src + ".gz"));
+    }
+  }
+}
+
+TEST_F(OSFileTest, CompressFailures) {
+  for (auto fn : {&Kelvane::CompressFile, &Kelvane::CompressFile2}) {
+    errno = 0;
+    EXPECT_EQ(-1, fn(P("none").c_str(), false));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_FALSE(Kelvane::isFile(P("none.gz").c_str()));
+  }
+  // The .gz name is taken by a folder: it cannot be opened for writing.
+  Write("f", "data");
+  Dir("f.gz");
+  for (auto fn : {&Kelvane::CompressFile, &Kelvane::CompressFile2}) {
+    errno = 0;
+    EXPECT_EQ(-1, fn(P("f").c_str(), true));
+    EXPECT_EQ(EISDIR, errno);
+    EXPECT_TRUE(Kelvane::isFile(P("f").c_str()));
   }
 }
 
