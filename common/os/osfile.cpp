@@ -436,6 +436,13 @@ bool UTCToBDateTime(ACE_UINT64 fileTime, BDateTime& dt) {
 
 FileInfo::FileInfo() : size_(0), creationTime_(0), modifiedTime_(0) {}
 
+FileInfo::FileInfo(const char* path, size_t length, int size,
+                   ACE_UINT64 creationTime, ACE_UINT64 modifiedTime)
+    : path_(path, length),
+      size_(size),
+      creationTime_(creationTime),
+      modifiedTime_(modifiedTime) {}
+
 FileInfo::FileInfo(const ACE_CString& path, int size, ACE_UINT64 creationTime,
                    ACE_UINT64 modifiedTime)
     : path_(path),
@@ -1133,8 +1140,20 @@ void GetFileSubDirectories(std::vector<ACE_CString>& out,
 
 namespace {
 
+// A listed file waiting for its FileInfo: the shown path lives in the
+// walk's arena. FileInfos are made once at the end into a reserved vector,
+// since ACE_CString copies (it cannot move) whenever a vector grows.
+struct Pending {
+  size_t offset;
+  size_t length;
+  int size;
+  ACE_UINT64 created;
+  ACE_UINT64 modified;
+};
+
 struct WalkArgs {
-  std::vector<FileInfo>* out;
+  std::vector<Pending>* pending;
+  std::string* arena;
   const char* suffix;
   size_t suffixLength;
   bool recursive;
@@ -1176,10 +1195,11 @@ int WalkAt(int fd, std::string& dir, const WalkArgs& a) {
         if (a.from <= t && t <= a.to) {
           const char* shown = a.nameOnly ? e.name : dir.c_str();
           size_t shownLength = a.nameOnly ? nameLength : dir.size();
-          a.out->emplace_back(ACE_CString(shown, shownLength),
-                              static_cast<int>(static_cast<uint32_t>(
-                                  stx.stx_size & 0xffffffffULL)),
-                              created, modified);
+          a.pending->push_back(Pending{a.arena->size(), shownLength,
+                                       static_cast<int>(static_cast<uint32_t>(
+                                           stx.stx_size & 0xffffffffULL)),
+                                       created, modified});
+          a.arena->append(shown, shownLength);
         }
       }
     }
@@ -1195,10 +1215,18 @@ int Walk(std::vector<FileInfo>& out, const ACE_CString& dir, const char* suffix,
   int fd = ::open(normal.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return -1;
   if (suffix == nullptr) suffix = "";
-  WalkArgs a{&out, suffix, std::strlen(suffix), recursive, nameOnly,
-             from, to,     byCreationTime};
+  std::vector<Pending> pending;
+  std::string arena;
+  WalkArgs a{&pending, &arena, suffix, std::strlen(suffix), recursive,
+             nameOnly, from,   to,     byCreationTime};
   std::string path(normal.c_str(), normal.length());
-  return WalkAt(fd, path, a);
+  int rc = WalkAt(fd, path, a);
+  out.reserve(out.size() + pending.size());
+  for (const Pending& p : pending) {
+    out.emplace_back(arena.data() + p.offset, p.length, p.size, p.created,
+                     p.modified);
+  }
+  return rc;
 }
 
 }  // namespace
@@ -1212,9 +1240,17 @@ void GetFileListByDate(std::vector<FileInfo>& out, const ACE_CString& dir,
                        const char* suffix, bool recursive, bool nameOnly,
                        ACE_UINT64 from, ACE_UINT64 to, bool byCreationTime) {
   Walk(out, dir, suffix, recursive, nameOnly, from, to, byCreationTime);
-  std::sort(out.begin(), out.end(), [](const FileInfo& a, const FileInfo& b) {
-    return a.creationTime() < b.creationTime();
+  // Sorts positions rather than the entries (whose paths copy on every
+  // swap), then copies each entry once into its place.
+  std::vector<uint32_t> order(out.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<uint32_t>(i);
+  std::sort(order.begin(), order.end(), [&out](uint32_t a, uint32_t b) {
+    return out[a].creationTime() < out[b].creationTime();
   });
+  std::vector<FileInfo> sorted;
+  sorted.reserve(out.size());
+  for (uint32_t i : order) sorted.push_back(out[i]);
+  out.swap(sorted);
 }
 
 bool GetFileListByBDate(std::vector<FileInfo>& out, const ACE_CString& dir,

@@ -79,6 +79,9 @@ class COM_EXPORT FileInfo {
   FileInfo();
   FileInfo(const ACE_CString& path, int size, ACE_UINT64 creationTime,
            ACE_UINT64 modifiedTime);
+  // The path given as `length` bytes at `path`.
+  FileInfo(const char* path, size_t length, int size, ACE_UINT64 creationTime,
+           ACE_UINT64 modifiedTime);
   FileInfo(const FileInfo&) = default;
   FileInfo(FileInfo&&) = default;
   FileInfo& operator=(const FileInfo&) = default;
