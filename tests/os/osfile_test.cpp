@@ -1026,7 +1026,6 @@ TEST_F(OSFileTest, ApplicationVersions) {
 
 }  // namespace
 
-
 namespace {
 
 using comtest::ScopedTZ;
@@ -1209,6 +1208,97 @@ TEST_F(OSFileTest, CompressFailures) {
     EXPECT_EQ(EISDIR, errno);
     EXPECT_TRUE(Kelvane::isFile(P("f").c_str()));
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Loop devices over ext4 images, mounted under a temporary folder; undone
+// in reverse order.
+class LoopMounts {
+ public:
+  ~LoopMounts() {
+    for (auto it = mounts_.rbegin(); it != mounts_.rend(); ++it) {
+      Sh("umount '" + *it + "'");
+    }
+    for (const std::string& dev : devices_) Sh("losetup -d " + dev);
+  }
+  // An image of `mb` MiB mounted at `at`; false when it cannot be done.
+  bool Mount(const std::string& image, int mb, const std::string& at) {
+    if (!Sh("truncate -s " + std::to_string(mb) + "M '" + image +
+            "' && mkfs.ext4 -q -F '" + image + "' >/dev/null 2>&1")) {
+      return false;
+    }
+    std::string dev = Out("losetup -f --show '" + image + "'");
+    if (dev.empty()) return false;
+    devices_.push_back(dev);
+    ::mkdir(at.c_str(), 0755);
+    if (!Sh("mount " + dev + " '" + at + "'")) return false;
+    mounts_.push_back(at);
+    return true;
+  }
+  bool Bind(const std::string& from, const std::string& at) {
+    ::mkdir(at.c_str(), 0755);
+    if (!Sh("mount --bind '" + from + "' '" + at + "'")) return false;
+    mounts_.push_back(at);
+    return true;
+  }
+
+ private:
+  static bool Sh(const std::string& cmd) {
+    return std::system((cmd + " 2>/dev/null").c_str()) == 0;
+  }
+  static std::string Out(const std::string& cmd) {
+    FILE* p = ::popen((cmd + " 2>/dev/null").c_str(), "r");
+    if (p == nullptr) return "";
+    char buf[256] = {0};
+    std::string s = std::fgets(buf, sizeof buf, p) ? buf : "";
+    ::pclose(p);
+    while (!s.empty() && s.back() == '\n') s.pop_back();
+    return s;
+  }
+  std::vector<std::string> mounts_;
+  std::vector<std::string> devices_;
+};
+
+TEST_F(OSFileTest, LogicalDrivesAreFixedMountsOnePerCapacity) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to mount loop devices";
+  LoopMounts loops;
+  if (!loops.Mount(P("small.img"), 40, P("small")) ||
+      !loops.Mount(P("large.img"), 80, P("large"))) {
+    GTEST_SKIP() << "no loop device or ext4 tools available";
+  }
+  auto find = [](const std::vector<ACE_CString>& v, const std::string& s) {
+    for (size_t i = 0; i < v.size(); ++i) {
+      if (S(v[i]) == s) return static_cast<int>(i);
+    }
+    return -1;
+  };
+  std::vector<ACE_CString> drives{"kept"};
+  Kelvane::GetLogicalDriveList(drives);
+  EXPECT_EQ("kept", S(drives[0]));
+  int small = find(drives, P("small") + "/");
+  int large = find(drives, P("large") + "/");
+  ASSERT_GE(small, 1);
+  ASSERT_GE(large, 1);
+  EXPECT_LT(large, small);  // the larger drive first
+  // Capacities never repeat and fall from first to last.
+  ACE_UINT64 previous = ~ACE_UINT64(0);
+  for (size_t i = 1; i < drives.size(); ++i) {
+    ACE_UINT64 total = 0, avail = 0;
+    ASSERT_EQ(0, Kelvane::GetDriveSpace(total, avail, drives[i].c_str()));
+    EXPECT_LT(total, previous) << drives[i].c_str();
+    previous = total;
+  }
+
+  // A second mount of the small file system has its capacity: the later one
+  // replaces the earlier in the list.
+  ASSERT_TRUE(loops.Bind(P("small"), P("again")));
+  drives.clear();
+  Kelvane::GetLogicalDriveList(drives);
+  EXPECT_EQ(-1, find(drives, P("small") + "/"));
+  EXPECT_GE(find(drives, P("again") + "/"), 0);
 }
 
 }  // namespace
