@@ -686,7 +686,9 @@ int FileCopy(const ACE_CString& from, const ACE_CString& to,
     CloseKeepingErrno(in);
     return -1;
   }
-  bool ok = ::ftruncate(out, 0) == 0 &&
+  // Truncate only what holds data: on ext4 a truncation to 0 makes the
+  // close start writing the new content back at once.
+  bool ok = (dst.st_size == 0 || ::ftruncate(out, 0) == 0) &&
             CopyContent(in, out, static_cast<uint64_t>(src.st_size)) &&
             ::fchmod(out, src.st_mode & 07777) == 0;
   if (ok) {
