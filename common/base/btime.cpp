@@ -64,10 +64,47 @@ namespace dateparse {
 
 void ParseTime(const char* begin, const char* end, ACE_UINT32& ms,
                int& precision) {
+  using textscan::IsDigit;
   using textscan::ScanInt;
   ms = kInvalid;
   precision = BTime::Millisecond;
   if (begin == end) return;
+
+  // The plain forms "HH", "HHMM", "HHMMSS", "HH:MM" and "HH:MM:SS", each
+  // optionally followed by "." and digits up to the end, read directly;
+  // they give what the general reading below gives.
+  int32_t field[3] = {0, 0, 0};
+  int quick = 0;
+  const char* q = begin;
+  bool const quick_colons = end - begin >= 5 && begin[2] == ':';
+  while (quick < 3 && end - q >= 2 && IsDigit(q[0]) && IsDigit(q[1])) {
+    field[quick++] = (q[0] - '0') * 10 + (q[1] - '0');
+    q += 2;
+    if (quick_colons) {
+      if (quick == 3 || end - q < 3 || *q != ':') break;
+      ++q;
+    }
+  }
+  const char* f = q;
+  if (f < end && *f == '.') {
+    ++f;
+    while (f < end && IsDigit(*f)) ++f;
+  }
+  if (quick != 0 && f == end && (q == end || *q == '.')) {
+    precision = quick - 1;
+    if (field[0] > 23 || field[1] > 59 || field[2] > 59) return;
+    ACE_UINT32 value = static_cast<ACE_UINT32>(
+        ((field[0] * 60 + field[1]) * 60 + field[2]) * 1000);
+    if (q < end) {
+      double const extra = ReadFraction(q, end) * 1000.0;
+      precision = BTime::Millisecond;
+      if (!(extra < static_cast<double>(kMsPerDay))) return;
+      value += static_cast<ACE_UINT32>(extra);
+    }
+    ms = ValidOrInvalid(value);
+    return;
+  }
+
   const char* p = begin;
   while (p < end - 1 && *p == ' ') ++p;
   if (end - p < 2) return;

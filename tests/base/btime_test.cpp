@@ -52,6 +52,11 @@ TEST(BTime, ParsesTmAndColonForms) {
       {"14 30 05", 52205000, BTime::Second, "143005"},  // scanf skips blanks
       {"14:30 05", 52200000, BTime::Minute, "1430"},    // ':' must follow
       {"143005+0100", 52205000, BTime::Second, "143005"},
+      // A ':' anywhere switches every field to the colon form.
+      {"14:30:", 52200000, BTime::Minute, "1430"},
+      {"1430:", 50400000, BTime::Hour, "14"},
+      {"143005.5:", 50400500, BTime::Millisecond, "140000.500"},
+      {"14:30.5", 52200500, BTime::Millisecond, "143000.500"},
       {"143005 +01.5", 52205500, BTime::Millisecond, "143005.500"},
       {"143005.9999", 52205999, BTime::Millisecond, "143005.999"},
       {"000000.001", 1, BTime::Millisecond, "000000.001"},
