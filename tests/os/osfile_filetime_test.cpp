@@ -1,9 +1,9 @@
-#include "common/os/osfile.h"
-
 #include <ctime>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "common/os/osfile.h"
 
 #include "support/civil.h"
 #include "support/scopedtz.h"
@@ -42,36 +42,18 @@ TEST(OSFileTimes, LocalToFileTimeAndBack) {
   } rows[] = {
       {"UTC", "20240315 143005.123", UtcSeconds(2024, 3, 15, 14, 30, 5), 123,
        "03/15/2024 14:30:05.0123"},
-      {"Europe/Berlin", "20240115 120000", UtcSeconds(2024, 1, 15, 11, 0, 0), 0,
-       "01/15/2024 12:00:00.0000"},
-      {"Europe/Berlin", "20240715 120000", UtcSeconds(2024, 7, 15, 10, 0, 0), 0,
-       "07/15/2024 12:00:00.0000"},
-      {"Europe/Berlin", "20240331 015959.999",
-       UtcSeconds(2024, 3, 31, 0, 59, 59), 999, "03/31/2024 01:59:59.0999"},
       // Skipped: read with the winter offset, so 01:30 UTC = 03:30 CEST.
       {"Europe/Berlin", "20240331 023000", UtcSeconds(2024, 3, 31, 1, 30, 0), 0,
        "03/31/2024 03:30:00.0000"},
-      {"Europe/Berlin", "20240331 030000", UtcSeconds(2024, 3, 31, 1, 0, 0), 0,
-       "03/31/2024 03:00:00.0000"},
       // Repeated: the first occurrence, still summer time.
       {"Europe/Berlin", "20241027 023000", UtcSeconds(2024, 10, 27, 0, 30, 0),
        0, "10/27/2024 02:30:00.0000"},
-      {"Europe/Berlin", "20241027 030000", UtcSeconds(2024, 10, 27, 2, 0, 0), 0,
-       "10/27/2024 03:00:00.0000"},
-      {"America/New_York", "20240310 013000", UtcSeconds(2024, 3, 10, 6, 30, 0),
-       0, "03/10/2024 01:30:00.0000"},
       {"America/New_York", "20240310 023000", UtcSeconds(2024, 3, 10, 7, 30, 0),
        0, "03/10/2024 03:30:00.0000"},
       {"America/New_York", "20241103 013000", UtcSeconds(2024, 11, 3, 5, 30, 0),
        0, "11/03/2024 01:30:00.0000"},
-      {"America/New_York", "20241103 020000", UtcSeconds(2024, 11, 3, 7, 0, 0),
-       0, "11/03/2024 02:00:00.0000"},
       {"Asia/Kolkata", "20240315 143000", UtcSeconds(2024, 3, 15, 9, 0, 0), 0,
        "03/15/2024 14:30:00.0000"},
-      {"Australia/Lord_Howe", "20240115 120000",
-       UtcSeconds(2024, 1, 15, 1, 0, 0), 0, "01/15/2024 12:00:00.0000"},
-      {"Australia/Lord_Howe", "20240715 120000",
-       UtcSeconds(2024, 7, 15, 1, 30, 0), 0, "07/15/2024 12:00:00.0000"},
       // Half-hour gap and overlap.
       {"Australia/Lord_Howe", "20241006 021500",
        UtcSeconds(2024, 10, 5, 15, 45, 0), 0, "10/06/2024 02:45:00.0000"},
