@@ -1,5 +1,6 @@
 // BTime's text parser on arbitrary bytes. A valid time prints back, at its
 // own precision, to a text that parses to the same value and precision.
+// Parsing the text with a blank in front gives the same result.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   text[size] = 0;
 
   BTime time(text.data());
+  // A leading blank is skipped, so it must not change the result; it also
+  // steers the text past the direct reading of the plain forms, so the two
+  // readings are compared.
+  std::vector<char> blank(size + 2);
+  blank[0] = ' ';
+  std::memcpy(blank.data() + 1, text.data(), size + 1);
+  BTime general(blank.data());
+  if (!(general == time) || general.GetPrecision() != time.GetPrecision()) {
+    std::abort();
+  }
   if (time.IsValid()) {
     BTime again(time.AsDICOMString().c_str());
     if (!(again == time) || again.GetPrecision() != time.GetPrecision()) {
