@@ -71,126 +71,50 @@ bool Strptime(const char* text, const char* format, struct tm& tm,
   return true;
 }
 
-void RegisterDates() {
-  for (const Text& t : kDates) {
-    benchmark::RegisterBenchmark(
-        ("parse_da/com/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          for (auto _ : state) {
-            BDate d(t.com);
-            benchmark::DoNotOptimize(d);
-          }
-          Check(state, BDate(t.com).IsValid());
-        });
-    if (t.dicom != nullptr) {
-      benchmark::RegisterBenchmark(
-          ("parse_da/dcmtk/" + std::string(t.label)).c_str(),
-          [t](benchmark::State& state) {
-            size_t const n = std::strlen(t.dicom);
-            OFDate d;
-            bool ok = true;
-            for (auto _ : state) {
-              ok &= DcmDate::getOFDateFromString(t.dicom, n, d).good();
-              benchmark::DoNotOptimize(d);
-            }
-            Check(state, ok);
-          });
-    }
-    benchmark::RegisterBenchmark(
-        ("parse_da/dcmtk_iso/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          OFString const text(t.iso);
-          OFDate d;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= d.setISOFormattedDate(text) != OFFalse;
-            benchmark::DoNotOptimize(d);
-          }
-          Check(state, ok);
-        });
-    benchmark::RegisterBenchmark(
-        ("parse_da/poco/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          std::string const text(PeerText(t));
-          std::string const format(t.poco_format);
-          Poco::DateTime d;
-          int tzd = 0;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= Poco::DateTimeParser::tryParse(format, text, d, tzd);
-            benchmark::DoNotOptimize(d);
-          }
-          Check(state, ok);
-        });
-    benchmark::RegisterBenchmark(
-        ("parse_da/strptime/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          struct tm tm = {};
-          double fraction = 0;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= Strptime(PeerText(t), t.strptime_format, tm, fraction);
-            benchmark::DoNotOptimize(tm);
-          }
-          Check(state, ok);
-        });
-  }
+// Times `parse(text, value)` on a text prepared outside the loop.
+template <typename Value, typename Str = OFString, typename Parse>
+void RegisterPeer(const std::string& name, const char* text, Parse parse) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [text, parse](benchmark::State& state) {
+                                 Str const prepared(text);
+                                 Value v;
+                                 bool ok = true;
+                                 for (auto _ : state) {
+                                   ok &= parse(prepared, v);
+                                   benchmark::DoNotOptimize(v);
+                                 }
+                                 Check(state, ok);
+                               });
 }
 
-void RegisterTimes() {
-  for (const Text& t : kTimes) {
-    benchmark::RegisterBenchmark(
-        ("parse_tm/com/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          for (auto _ : state) {
-            BTime v(t.com);
-            benchmark::DoNotOptimize(v);
-          }
-          Check(state, BTime(t.com).IsValid());
-        });
-    benchmark::RegisterBenchmark(
-        ("parse_tm/dcmtk/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          OFString const text(t.dicom);
-          OFTime v;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= DcmTime::getOFTimeFromString(text, v).good();
-            benchmark::DoNotOptimize(v);
-          }
-          Check(state, ok);
-        });
-    if (t.iso != nullptr) {
-      benchmark::RegisterBenchmark(
-          ("parse_tm/dcmtk_iso/" + std::string(t.label)).c_str(),
-          [t](benchmark::State& state) {
-            OFString const text(t.iso);
-            OFTime v;
-            bool ok = true;
-            for (auto _ : state) {
-              ok &= v.setISOFormattedTime(text) != OFFalse;
-              benchmark::DoNotOptimize(v);
-            }
-            Check(state, ok);
-          });
-    }
-    benchmark::RegisterBenchmark(
-        ("parse_tm/poco/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          std::string const text(PeerText(t));
-          std::string const format(t.poco_format);
-          Poco::DateTime v;
+// Every parser of one kind of value over `texts`: com's `Com`, DCMTK's
+// DICOM reader `dicom` and ISO reader `iso` into `Of`, POCO and strptime.
+template <typename Com, typename Of, size_t N, typename Dicom, typename Iso>
+void RegisterKind(const char* kind, const Text (&texts)[N], Dicom dicom,
+                  Iso iso) {
+  for (const Text& t : texts) {
+    auto name = [&t, kind](const char* impl) {
+      return std::string(kind) + "/" + impl + "/" + t.label;
+    };
+    benchmark::RegisterBenchmark(name("com").c_str(),
+                                 [t](benchmark::State& state) {
+                                   for (auto _ : state) {
+                                     Com v(t.com);
+                                     benchmark::DoNotOptimize(v);
+                                   }
+                                   Check(state, Com(t.com).IsValid());
+                                 });
+    if (t.dicom != nullptr) RegisterPeer<Of>(name("dcmtk"), t.dicom, dicom);
+    if (t.iso != nullptr) RegisterPeer<Of>(name("dcmtk_iso"), t.iso, iso);
+    RegisterPeer<Poco::DateTime, std::string>(
+        name("poco"), PeerText(t),
+        [format = std::string(t.poco_format)](const OFString& text,
+                                              Poco::DateTime& v) {
           int tzd = 0;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= Poco::DateTimeParser::tryParse(format, text, v, tzd);
-            benchmark::DoNotOptimize(v);
-          }
-          Check(state, ok);
+          return Poco::DateTimeParser::tryParse(format, text.c_str(), v, tzd);
         });
     benchmark::RegisterBenchmark(
-        ("parse_tm/strptime/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
+        name("strptime").c_str(), [t](benchmark::State& state) {
           struct tm tm = {};
           double fraction = 0;
           bool ok = true;
@@ -204,81 +128,37 @@ void RegisterTimes() {
   }
 }
 
-void RegisterDateTimes() {
-  for (const Text& t : kDateTimes) {
-    benchmark::RegisterBenchmark(
-        ("parse_dt/com/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          for (auto _ : state) {
-            BDateTime v(t.com);
-            benchmark::DoNotOptimize(v);
-          }
-          Check(state, BDateTime(t.com).IsValid());
-        });
-    if (t.dicom != nullptr) {
-      benchmark::RegisterBenchmark(
-          ("parse_dt/dcmtk/" + std::string(t.label)).c_str(),
-          [t](benchmark::State& state) {
-            OFString const text(t.dicom);
-            OFDateTime v;
-            bool ok = true;
-            for (auto _ : state) {
-              ok &= DcmDateTime::getOFDateTimeFromString(text, v).good();
-              benchmark::DoNotOptimize(v);
-            }
-            Check(state, ok);
-          });
-    }
-    if (t.iso != nullptr) {
-      benchmark::RegisterBenchmark(
-          ("parse_dt/dcmtk_iso/" + std::string(t.label)).c_str(),
-          [t](benchmark::State& state) {
-            OFString const text(t.iso);
-            OFDateTime v;
-            bool ok = true;
-            for (auto _ : state) {
-              ok &= v.setISOFormattedDateTime(text) != OFFalse;
-              benchmark::DoNotOptimize(v);
-            }
-            Check(state, ok);
-          });
-    }
-    benchmark::RegisterBenchmark(
-        ("parse_dt/poco/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          std::string const text(PeerText(t));
-          std::string const format(t.poco_format);
-          Poco::DateTime v;
-          int tzd = 0;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= Poco::DateTimeParser::tryParse(format, text, v, tzd);
-            benchmark::DoNotOptimize(v);
-          }
-          Check(state, ok);
-        });
-    benchmark::RegisterBenchmark(
-        ("parse_dt/strptime/" + std::string(t.label)).c_str(),
-        [t](benchmark::State& state) {
-          struct tm tm = {};
-          double fraction = 0;
-          bool ok = true;
-          for (auto _ : state) {
-            ok &= Strptime(PeerText(t), t.strptime_format, tm, fraction);
-            benchmark::DoNotOptimize(tm);
-            benchmark::DoNotOptimize(fraction);
-          }
-          Check(state, ok);
-        });
-  }
+void RegisterAll() {
+  RegisterKind<BDate, OFDate>(
+      "parse_da", kDates,
+      [](const OFString& s, OFDate& v) {
+        return DcmDate::getOFDateFromString(s.c_str(), s.length(), v).good();
+      },
+      [](const OFString& s, OFDate& v) {
+        return v.setISOFormattedDate(s) != OFFalse;
+      });
+  RegisterKind<BTime, OFTime>(
+      "parse_tm", kTimes,
+      [](const OFString& s, OFTime& v) {
+        return DcmTime::getOFTimeFromString(s, v).good();
+      },
+      [](const OFString& s, OFTime& v) {
+        return v.setISOFormattedTime(s) != OFFalse;
+      });
+  RegisterKind<BDateTime, OFDateTime>(
+      "parse_dt", kDateTimes,
+      [](const OFString& s, OFDateTime& v) {
+        return DcmDateTime::getOFDateTimeFromString(s, v).good();
+      },
+      [](const OFString& s, OFDateTime& v) {
+        return v.setISOFormattedDateTime(s) != OFFalse;
+      });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  RegisterDates();
-  RegisterTimes();
-  RegisterDateTimes();
+  RegisterAll();
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -12,20 +12,6 @@ namespace {
 
 const ACE_UINT32 kMsPerDay = 86400000u;
 
-Kelvane::localzone::Record ToRecord(const BDate& date, const BTime& time) {
-  unsigned int y, m, d;
-  date.GetYMD(y, m, d);
-  Kelvane::localzone::Record r;
-  r.year = static_cast<int32_t>(y);
-  r.month = static_cast<int32_t>(m);
-  r.day = static_cast<int32_t>(d);
-  r.hour = time.GetHour();
-  r.minute = time.GetMinute();
-  r.second = time.GetSecond();
-  r.millisecond = time.GetMilliSecond();
-  return r;
-}
-
 BDateTime FromRecord(const Kelvane::localzone::Record& r) {
   return BDateTime(
       BDate(static_cast<unsigned int>(r.year),
@@ -152,7 +138,8 @@ bool BDateTime::GetTimeZoneBias(long& minutes) {
 BDateTime BDateTime::LocalTimeToGMT() const {
   if (!IsValid()) return *this;
   Kelvane::localzone::Record utc;
-  if (!Kelvane::localzone::LocalToUtc(ToRecord(date_, time_), utc)) {
+  if (!Kelvane::localzone::LocalToUtc(
+          Kelvane::localzone::MakeRecord(date_, time_), utc)) {
     return *this;
   }
   return FromRecord(utc);
@@ -161,7 +148,8 @@ BDateTime BDateTime::LocalTimeToGMT() const {
 BDateTime BDateTime::ToLocal() const {
   if (!IsValid()) return *this;
   Kelvane::localzone::Record local;
-  if (!Kelvane::localzone::UtcToLocal(ToRecord(date_, time_), local)) {
+  if (!Kelvane::localzone::UtcToLocal(
+          Kelvane::localzone::MakeRecord(date_, time_), local)) {
     return BDateTime();
   }
   return FromRecord(local);

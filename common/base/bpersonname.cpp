@@ -4,6 +4,26 @@
 
 #include "common/base/stringutils.h"
 
+namespace {
+
+// `head`, then ", given" and ", middle" for those that are not empty.
+ACE_String_Base<char> JoinGivenAndMiddle(const ACE_String_Base<char>& head,
+                                         const ACE_String_Base<char>& given,
+                                         const ACE_String_Base<char>& middle) {
+  ACE_String_Base<char> s(head);
+  if (given.length() != 0) {
+    s += ", ";
+    s += given;
+  }
+  if (middle.length() != 0) {
+    s += ", ";
+    s += middle;
+  }
+  return s;
+}
+
+}  // namespace
+
 BPersonName::BPersonName() : valid_(false) {}
 
 BPersonName::BPersonName(const BPersonName& other)
@@ -138,31 +158,15 @@ bool BPersonName::operator==(const BPersonName& other) const {
 }
 
 void BPersonName::GenerateDisplayName() {
-  ACE_String_Base<char> s(family_name_);
-  if (given_name_.length() != 0) {
-    s += ", ";
-    s += given_name_;
-  }
-  if (middle_name_.length() != 0) {
-    s += ", ";
-    s += middle_name_;
-  }
-  display_name_ = s;
+  display_name_ = JoinGivenAndMiddle(family_name_, given_name_, middle_name_);
 }
 
 void BPersonName::GenerateDisplayNameWithTitle() {
-  ACE_String_Base<char> s(family_name_);
+  ACE_String_Base<char> head(family_name_);
   if (prefix_.length() != 0) {
-    s += " ";
-    s += prefix_;
+    head += " ";
+    head += prefix_;
   }
-  if (given_name_.length() != 0) {
-    s += ", ";
-    s += given_name_;
-  }
-  if (middle_name_.length() != 0) {
-    s += ", ";
-    s += middle_name_;
-  }
-  display_name_with_title_ = s;
+  display_name_with_title_ =
+      JoinGivenAndMiddle(head, given_name_, middle_name_);
 }

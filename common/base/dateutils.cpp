@@ -147,16 +147,7 @@ ACE_String_Base<char> GetCurrentTimeZoneOffsetFromDate(
     ACE_String_Base<char> date, ACE_String_Base<char> time) {
   BDate const d(date.c_str());
   BTime const t(time.c_str());
-  unsigned int y, m, day;
-  d.GetYMD(y, m, day);
-  Kelvane::localzone::Record local;
-  local.year = static_cast<int32_t>(y);
-  local.month = static_cast<int32_t>(m);
-  local.day = static_cast<int32_t>(day);
-  local.hour = t.GetHour();
-  local.minute = t.GetMinute();
-  local.second = t.GetSecond();
-  local.millisecond = t.GetMilliSecond();
+  Kelvane::localzone::Record const local = Kelvane::localzone::MakeRecord(d, t);
   Kelvane::localzone::Record utc;
   if (!Kelvane::localzone::LocalToUtc(local, utc)) {
     COM_LOG((LM_ERROR,

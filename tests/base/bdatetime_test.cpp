@@ -14,29 +14,27 @@ using comtest::ScopedTZ;
 
 TEST(BDateTime, ParsesCombinedTexts) {
   const char* const kNone = "00/00/00 00:00:00.0000";
+  const BTime::Precision H = BTime::Hour, M = BTime::Minute, S = BTime::Second,
+                         F = BTime::Millisecond;
   struct Row {
     const char* text;
     const char* shown;  // ToString()
     int valid;          // 2 both parts, 1 the date only, 0 neither
     BTime::Precision precision;
   } rows[] = {
-      {"20240315 143005.25", "03/15/2024 14:30:05.0250", 2, BTime::Millisecond},
-      {"2024-03-15T14:30:05", "03/15/2024 14:30:05.0000", 2, BTime::Second},
-      {"03/15/2024 14:30", "03/15/2024 14:30:00.0000", 2, BTime::Minute},
-      {"  20240315 14  ", "03/15/2024 14:00:00.0000", 2, BTime::Hour},
-      {"'20240315 1430'", "03/15/2024 14:30:00.0000", 2, BTime::Minute},
-      {"'20240315'", kNone, 0, BTime::Millisecond},  // date part "20240315'"
-      {"20240315", "03/15/2024 00:00:00.0000", 1, BTime::Millisecond},
-      {"20240315143005", kNone, 0, BTime::Millisecond},  // DT needs a blank
-      {"20240315 143005+0100", "03/15/2024 14:30:05.0000", 2, BTime::Second},
-      {"20240315 143005 +01.5", "03/15/2024 14:30:05.0500", 2,
-       BTime::Millisecond},
+      {"20240315 143005.25", "03/15/2024 14:30:05.0250", 2, F},
+      {"2024-03-15T14:30:05", "03/15/2024 14:30:05.0000", 2, S},
+      {"03/15/2024 14:30", "03/15/2024 14:30:00.0000", 2, M},
+      {"'20240315 14'", "03/15/2024 14:00:00.0000", 2, H},
+      {"'20240315'", kNone, 0, F},  // date part "20240315'"
+      {"20240315", "03/15/2024 00:00:00.0000", 1, F},
+      {"20240315143005", kNone, 0, F},  // DT needs a blank
+      {"20240315 143005 +01.5", "03/15/2024 14:30:05.0500", 2, F},
       // The first blank splits, before any "T".
-      {"2024-03-15T14:30 05", "03/15/2024 05:00:00.0000", 2, BTime::Hour},
-      {"20240230 143005", kNone, 0, BTime::Millisecond},
-      {"20240315 2500", "03/15/2024 00:00:00.0000", 1, BTime::Minute},
-      {"'", kNone, 0, BTime::Millisecond},
-      {"T", kNone, 0, BTime::Millisecond},
+      {"2024-03-15T14:30 05", "03/15/2024 05:00:00.0000", 2, H},
+      {"20240230 143005", kNone, 0, F},
+      {"20240315 2500", "03/15/2024 00:00:00.0000", 1, M},
+      {"T", kNone, 0, F},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string("'") + r.text + "'");
@@ -56,18 +54,15 @@ TEST(BDateTime, ParsesCombinedTexts) {
   EXPECT_EQ("03/15/2024 14:30:05", out.str());
 }
 
-TEST(BDateTime, ShiftByTimeOfDay) {
+TEST(BDateTime, ShiftOrderAndSpans) {
   struct Row {
     const char* start;
     int delta_ms;
     const char* result;
-    BTime::Precision precision;
+    BTime::Precision precision;  // adding makes it Millisecond
   } rows[] = {
       {"20240315 233000", 3600000, "03/16/2024 00:30:00.0000",
        BTime::Millisecond},
-      {"20241231 235959.999", 1, "01/01/2025 00:00:00.0000",
-       BTime::Millisecond},
-      {"20240315 000000", -3600000, "03/14/2024 23:00:00.0000", BTime::Second},
       {"20240301 003000", -3600000, "02/29/2024 23:30:00.0000", BTime::Second},
       {"20240315 120000", -43200000, "03/15/2024 00:00:00.0000", BTime::Second},
       // Stepping back before the first valid day leaves an invalid date.
@@ -81,16 +76,12 @@ TEST(BDateTime, ShiftByTimeOfDay) {
     EXPECT_STREQ(r.result, dt.ToString().c_str());
     EXPECT_EQ(r.precision, dt.GetTime().GetPrecision());
   }
-}
-
-TEST(BDateTime, OrderingAndSpans) {
   BDateTime a("20240315 120000");
   BDateTime b("20240316 110000");
   EXPECT_TRUE(a == BDateTime("2024-03-15T12:00"));  // precision ignored
   EXPECT_TRUE(a < b && b > a && a <= a && a >= a && !(b <= a));
   EXPECT_TRUE(BDateTime("20240315 120001") > a);
-  BTimeSpan d = b - a;
-  EXPECT_EQ(1, d == BTimeSpan(0, 23 * 3600000));
+  EXPECT_EQ(1, (b - a) == BTimeSpan(0, 23 * 3600000));
   EXPECT_EQ(1, (a - b) == BTimeSpan());  // earlier minus later saturates
   unsigned const day = static_cast<unsigned>(BDate("20240315") - BDate());
   EXPECT_EQ(1, (a + b) == BTimeSpan(2 * day + 1, 23 * 3600000));
@@ -109,8 +100,6 @@ TEST(BDateTime, ZoneConversions) {
        "03/31/2024 03:30:00.0000"},
       {"America/New_York", "20241103 013000", "11/03/2024 05:30:00.0000",
        "11/03/2024 01:30:00.0000"},
-      {"Asia/Kolkata", "20240101 030000", "12/31/2023 21:30:00.0000",
-       "01/01/2024 03:00:00.0000"},
       {"Australia/Lord_Howe", "20241006 021500", "10/05/2024 15:45:00.0000",
        "10/06/2024 02:45:00.0000"},
   };
@@ -135,7 +124,8 @@ TEST(BDateTime, ZoneConversions) {
   EXPECT_FALSE(early.ToLocal().GetDate().IsValid());
 }
 
-// ToUTC shifts by the bias in force now, whatever the value's date.
+// ToUTC shifts by the bias in force now, whatever the value's date; the
+// dated conversion follows each date's own season instead.
 TEST(BDateTime, ToUTCUsesTheCurrentBias) {
   {
     ScopedTZ tz("Asia/Kolkata");
@@ -153,12 +143,9 @@ TEST(BDateTime, ToUTCUsesTheCurrentBias) {
     BDateTime expected(text);
     expected += BTime(static_cast<unsigned>(bias * 60000));
     EXPECT_TRUE(BDateTime(text).ToUTC() == expected) << text;
+    EXPECT_EQ(text[5] == '1' ? 17 : 16,
+              BDateTime(text).LocalTimeToGMT().GetTime().GetHour());
   }
-  // The dated conversion follows each date's own season instead.
-  EXPECT_EQ(17,
-            BDateTime("20240115 120000").LocalTimeToGMT().GetTime().GetHour());
-  EXPECT_EQ(16,
-            BDateTime("20240715 120000").LocalTimeToGMT().GetTime().GetHour());
 }
 
 TEST(BDateTime, FromSecondsAndNow) {

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "common/base/bdate.h"
+#include "common/base/btime.h"
 #include "common/base/internal/calendar.h"
 
 namespace Kelvane {
@@ -60,6 +62,20 @@ Record UtcFromSeconds(int64_t seconds, int32_t millisecond) {
 }
 
 }  // namespace
+
+Record MakeRecord(const BDate& date, const BTime& time) {
+  unsigned int y = 0, m = 0, d = 0;
+  date.GetYMD(y, m, d);
+  Record r;
+  r.year = static_cast<int32_t>(y);
+  r.month = static_cast<int32_t>(m);
+  r.day = static_cast<int32_t>(d);
+  r.hour = time.GetHour();
+  r.minute = time.GetMinute();
+  r.second = time.GetSecond();
+  r.millisecond = time.GetMilliSecond();
+  return r;
+}
 
 bool IsValidRecord(const Record& r) {
   if (r.year < 1601 || r.year > 30827 || r.month < 1 || r.month > 12) {

@@ -27,6 +27,9 @@
 
 #include "common/base/comexport.h"
 
+class BDate;
+class BTime;
+
 namespace Kelvane {
 namespace localzone {
 
@@ -39,6 +42,10 @@ struct Record {
   int32_t second;
   int32_t millisecond;
 };
+
+// The fields of a date and a time of day, unchecked (an invalid date reads
+// as 0/0/0).
+Record MakeRecord(const BDate& date, const BTime& time);
 
 // True when `r` lies in the record range described above.
 COM_EXPORT bool IsValidRecord(const Record& r);
