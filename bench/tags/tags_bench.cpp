@@ -22,12 +22,19 @@ class FreshMapper : public TagMapper {
   using TagMapper::m_GETable;
 };
 
-bool InDcmtk(uint32_t tag) {
+// DCMTK's entry for `tag` under its read lock, as its users reach it.
+template <typename Field>
+auto DcmtkLookup(uint32_t tag, Field field) {
   const DcmDictEntry* e = dcmDataDict.rdlock().findEntry(
       DcmTagKey(static_cast<Uint16>(tag >> 16), static_cast<Uint16>(tag)),
       nullptr);
+  auto value = field(e);
   dcmDataDict.rdunlock();
-  return e != nullptr;
+  return value;
+}
+
+bool InDcmtk(uint32_t tag) {
+  return DcmtkLookup(tag, [](const DcmDictEntry* e) { return e != nullptr; });
 }
 
 // 4096 tags drawn at random (fixed seed) from the table's tags that DCMTK
@@ -60,50 +67,39 @@ const std::vector<uint32_t>& Tags(bool known) {
   return sets[known ? 1 : 0];
 }
 
-void ComDescription(benchmark::State& state, bool known) {
+// Runs `lookup` over the 4096 tags of one set, round and round.
+template <typename Lookup>
+void Lookups(benchmark::State& state, bool known, Lookup lookup) {
   const std::vector<uint32_t>& tags = Tags(known);
-  const TagMapper* dict = TagMapper::Instance();
   size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(dict->FindDescription(tags[i++ & 4095]));
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(lookup(tags[i++ & 4095]));
+}
+
+void ComDescription(benchmark::State& state, bool known) {
+  const TagMapper* dict = TagMapper::Instance();
+  Lookups(state, known,
+          [dict](uint32_t t) { return dict->FindDescription(t); });
 }
 
 void ComVR(benchmark::State& state, bool known) {
-  const std::vector<uint32_t>& tags = Tags(known);
   const TagMapper* dict = TagMapper::Instance();
-  size_t i = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(dict->FindVR(tags[i++ & 4095]));
-  }
+  Lookups(state, known, [dict](uint32_t t) { return dict->FindVR(t); });
 }
 
 void DcmtkDescription(benchmark::State& state, bool known) {
-  const std::vector<uint32_t>& tags = Tags(known);
-  size_t i = 0;
-  for (auto _ : state) {
-    uint32_t tag = tags[i++ & 4095];
-    const DcmDictEntry* e = dcmDataDict.rdlock().findEntry(
-        DcmTagKey(static_cast<Uint16>(tag >> 16), static_cast<Uint16>(tag)),
-        nullptr);
-    const char* name = e != nullptr ? e->getTagName() : nullptr;
-    dcmDataDict.rdunlock();
-    benchmark::DoNotOptimize(name);
-  }
+  Lookups(state, known, [](uint32_t t) {
+    return DcmtkLookup(t, [](const DcmDictEntry* e) {
+      return e != nullptr ? e->getTagName() : nullptr;
+    });
+  });
 }
 
 void DcmtkVR(benchmark::State& state, bool known) {
-  const std::vector<uint32_t>& tags = Tags(known);
-  size_t i = 0;
-  for (auto _ : state) {
-    uint32_t tag = tags[i++ & 4095];
-    const DcmDictEntry* e = dcmDataDict.rdlock().findEntry(
-        DcmTagKey(static_cast<Uint16>(tag >> 16), static_cast<Uint16>(tag)),
-        nullptr);
-    DcmEVR vr = e != nullptr ? e->getEVR() : EVR_UNKNOWN;
-    dcmDataDict.rdunlock();
-    benchmark::DoNotOptimize(vr);
-  }
+  Lookups(state, known, [](uint32_t t) {
+    return DcmtkLookup(t, [](const DcmDictEntry* e) {
+      return e != nullptr ? e->getEVR() : EVR_UNKNOWN;
+    });
+  });
 }
 
 // A fresh dictionary from the compiled-in table (ours) or from the
