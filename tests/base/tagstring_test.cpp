@@ -15,7 +15,6 @@ TEST(TagString, ValuesAccumulateInOrder) {
   };
   const Row rows[] = {
       {{}, {}},
-      {{"CT"}, {"CT"}},
       {{"DOE^JOHN", "DOE^J"}, {"DOE^JOHN", "DOE^J"}},
       {{"A", "A", ""}, {"A", "A", ""}},  // repeats and empty values kept
       {{nullptr, "X"}, {"", "X"}},

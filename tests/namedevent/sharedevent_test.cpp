@@ -39,7 +39,6 @@ TEST(SharedEvent, NamesMapToOneFileEach) {
   } rows[] = {
       {"Global\\KelvaneRestart_42",
        "/dev/shm/com-event.Global\\KelvaneRestart_42"},
-      {"Local\\a", "/dev/shm/com-event.Local\\a"},
       {"../etc/passwd", "/dev/shm/com-event...%2Fetc%2Fpasswd"},
       {"a%2Fb", "/dev/shm/com-event.a%252Fb"},
       {"a/b", "/dev/shm/com-event.a%2Fb"},
@@ -61,10 +60,7 @@ TEST(SharedEvent, AnotherProcessSeesSignalAndReset) {
   SharedEvent ev;
   ASSERT_EQ(0, ev.Open(name.c_str(), false, true));  // mode and state ignored
   EXPECT_FALSE(Poll(ev));
-  ASSERT_TRUE(child.Send("?"));
-  ASSERT_TRUE(child.ReadLine(&line));
-  EXPECT_EQ("0", line);
-
+  EXPECT_EQ("0", child.Ask("?"));
   // A child blocked in a wait is woken by this process's signal.
   ASSERT_TRUE(child.Send("w 10000"));
   ::usleep(50000);
@@ -73,12 +69,9 @@ TEST(SharedEvent, AnotherProcessSeesSignalAndReset) {
   EXPECT_EQ("1", line);
   // Manual reset: it stays signalled for both sides until reset.
   EXPECT_TRUE(Poll(ev));
-  ASSERT_TRUE(child.Send("r"));
-  ASSERT_TRUE(child.ReadLine(&line));
-  EXPECT_EQ("ok", line);
+  EXPECT_EQ("ok", child.Ask("r"));
   EXPECT_FALSE(Poll(ev));
-  ASSERT_TRUE(child.Send("s"));
-  ASSERT_TRUE(child.ReadLine(&line));
+  EXPECT_EQ("ok", child.Ask("s"));
   EXPECT_TRUE(Poll(ev));
   EXPECT_EQ(0, child.Finish());
 }
@@ -143,10 +136,10 @@ TEST(SharedEvent, RefusesBadUse) {
   SharedEvent ev;
   EXPECT_EQ(-1, ev.Signal());
   EXPECT_EQ(EBADF, errno);
-  EXPECT_EQ(-1, ev.Open("", true, false));
-  EXPECT_EQ(EINVAL, errno);
-  EXPECT_EQ(-1, ev.Open(nullptr, true, false));
-  EXPECT_EQ(EINVAL, errno);
+  for (const char* bad : {"", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(-1, ev.Open(bad, true, false));
+    EXPECT_EQ(EINVAL, errno);
+  }
 
   // A stranger's file under the event's path is not taken for an event.
   std::string name = UniqueName("squat");

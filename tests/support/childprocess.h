@@ -12,7 +12,7 @@ namespace testsupport {
 class ChildProcess {
  public:
   ChildProcess() = default;
-  ~ChildProcess();  // closes its stdin and reaps it
+  ~ChildProcess();  // kills a child still running and reaps it
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
@@ -23,6 +23,8 @@ class ChildProcess {
   // The next line without its newline; false on end of output or when
   // nothing arrives within `timeoutMs`.
   bool ReadLine(std::string* line, int timeoutMs = 10000);
+  // Sends `line` and returns the answer, or "(no answer)".
+  std::string Ask(const std::string& line);
   // Closes the child's stdin and returns its exit status (-1 if killed).
   int Finish();
 
