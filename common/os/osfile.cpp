@@ -450,22 +450,27 @@ FileInfo::FileInfo(const ACE_CString& path, int size, ACE_UINT64 creationTime,
       creationTime_(creationTime),
       modifiedTime_(modifiedTime) {}
 
-BDateTime FileInfo::creationLocalTime() const {
+namespace {
+
+// `fileTime` as a local date and time; the invalid BDateTime, logged as a
+// failure of `caller`, when it cannot be converted.
+BDateTime LocalTimeOrLog(ACE_UINT64 fileTime, const char* caller) {
   BDateTime dt;
-  if (!UTCToBDateTime(creationTime_, dt)) {
-    COM_LOG((LM_CRITICAL, "FileInfo::creationLocalTime: Failed.\n"));
+  if (!UTCToBDateTime(fileTime, dt)) {
+    COM_LOG((LM_CRITICAL, "FileInfo::%s: Failed.\n", caller));
     return BDateTime();
   }
   return dt;
 }
 
+}  // namespace
+
+BDateTime FileInfo::creationLocalTime() const {
+  return LocalTimeOrLog(creationTime_, "creationLocalTime");
+}
+
 BDateTime FileInfo::modifiedLocalTime() const {
-  BDateTime dt;
-  if (!UTCToBDateTime(modifiedTime_, dt)) {
-    COM_LOG((LM_CRITICAL, "FileInfo::modifiedLocalTime: Failed.\n"));
-    return BDateTime();
-  }
-  return dt;
+  return LocalTimeOrLog(modifiedTime_, "modifiedLocalTime");
 }
 
 // ================================================================ paths
