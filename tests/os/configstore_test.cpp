@@ -47,7 +47,7 @@ TEST(ConfigText, CanonicalText) {
     std::string in;
     std::string out;
   } rows[] = {
-      {"; c\n# c\n\n   \n", ""},
+      {"[A]\n;k=1\n# k=2\n\n   \n", "[A]\n"},  // comments and blanks
       // Values before any section and lines without a name and '=' go.
       {"top=1\n[A]\nnoequals\n=x\nk=v\n", "[A]\nk=v\n"},
       // The first spelling of each level wins, level by level.
