@@ -1317,16 +1317,24 @@ int FinishSource(const ACE_CString& path, bool deleteSource) {
   return ::unlink(path.c_str()) == 0 ? 0 : -1;
 }
 
-}  // namespace
-
-int CompressFile(const ACE_CString& path, bool deleteSource) {
+// The file to compress, open for reading, with its status in `st`; -1 (errno
+// set) when it cannot be opened or examined.
+int OpenSource(const ACE_CString& path, struct stat& st) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return -1;
-  struct stat st;
   if (::fstat(fd, &st) != 0) {
     CloseKeepingErrno(fd);
     return -1;
   }
+  return fd;
+}
+
+}  // namespace
+
+int CompressFile(const ACE_CString& path, bool deleteSource) {
+  struct stat st;
+  int fd = OpenSource(path, st);
+  if (fd < 0) return -1;
   const size_t size = static_cast<size_t>(st.st_size);
   void* map = nullptr;
   if (size > 0) {
@@ -1369,13 +1377,9 @@ int CompressFile(const ACE_CString& path, bool deleteSource) {
 }
 
 int CompressFile2(const ACE_CString& path, bool deleteSource) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) return -1;
   struct stat st;
-  if (::fstat(fd, &st) != 0) {
-    CloseKeepingErrno(fd);
-    return -1;
-  }
+  int fd = OpenSource(path, st);
+  if (fd < 0) return -1;
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   const ACE_CString gzPath = path + ".gz";
   ::unlink(gzPath.c_str());
