@@ -103,14 +103,4 @@ TEST(BParser, StripOpaqueComments) {
   EXPECT_EQ((Lines{"a", "b"}), Strs(lines));
 }
 
-TEST(BParser, WhitespaceEatersTrimTheirOwnSide) {
-  ACE_CString l(" \t a \r\n"), r(l), b(l);
-  BParser::EatWhitespaceL(l);
-  BParser::EatWhitespaceR(r);
-  BParser::EatWhitespaceLR(b);
-  EXPECT_STREQ("a \r\n", l.c_str());
-  EXPECT_STREQ(" \t a", r.c_str());
-  EXPECT_STREQ("a", b.c_str());
-}
-
 }  // namespace

@@ -234,15 +234,7 @@ TEST_F(UIDGeneratorTest, OnlyLoopbackLeavesGeneratorUninitialised) {
     if (adapters.size() != 1 || adapters[0].name != "lo") return 2;
     if (adapters[0].address != std::vector<unsigned char>(6, 0)) return 3;
     if (UIDGenerator::InitializeMAC("1.2")) return 4;
-    if (UIDGenerator::IsInitialized()) return 5;
-    try {
-      UIDGenerator::GenerateUID();
-      return 6;
-    } catch (const std::exception&) {
-    }
-    // The fallback still works.
-    if (!UIDGenerator::InitializeAlternate(1, 2, "1.2")) return 7;
-    return UIDGenerator::GenerateUID().length() > 0 ? 0 : 8;
+    return UIDGenerator::IsInitialized() ? 5 : 0;
   });
   if (rc == 77) GTEST_SKIP() << "cannot create a network namespace";
   EXPECT_EQ(0, rc);
