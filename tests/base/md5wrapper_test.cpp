@@ -1,13 +1,9 @@
 #include "common/base/md5wrapper.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <openssl/evp.h>
-#include <random>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,48 +11,31 @@
 
 #include "support/runas.h"
 #include "support/tempfolder.h"
+#include "support/testbytes.h"
 
 namespace {
 
-std::vector<unsigned char> RandomBytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::vector<unsigned char> v(n);
-  for (auto& b : v) b = static_cast<unsigned char>(gen());
-  return v;
-}
+using testsupport::RandomBytes;
+using testsupport::U8;
 
-std::string OpenSslMd5Hex(const unsigned char* p, size_t n) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned len = 0;
-  EVP_Digest(p, n, md, &len, EVP_md5(), nullptr);
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned i = 0; i < len; ++i) {
-    out += kDigits[md[i] >> 4];
-    out += kDigits[md[i] & 15];
-  }
-  return out;
+std::string OpenSslMd5Hex(const std::string& s, size_t offset, size_t n) {
+  return testsupport::LowerHex(
+      testsupport::OpenSslDigest(EVP_md5(), s.data() + offset, n));
 }
 
 TEST(md5wrapper, BufferMatchesOpenSslForEveryShortLengthAndOffset) {
   Kelvane::md5wrapper md5;
-  std::vector<unsigned char> buf = RandomBytes(300 + 4, 4);
+  std::string buf = RandomBytes(300 + 4, 4),
+              big = RandomBytes((1 << 20) + 5, 5);
   for (size_t offset = 0; offset < 3; ++offset) {
     for (unsigned n = 0; n <= 300; ++n) {
-      ASSERT_EQ(OpenSslMd5Hex(buf.data() + offset, n),
-                md5.getHashFromBuffer(buf.data() + offset, n))
+      ASSERT_EQ(OpenSslMd5Hex(buf, offset, n),
+                md5.getHashFromBuffer(U8(buf) + offset, n))
           << "length " << n << " offset " << offset;
     }
   }
-  std::vector<unsigned char> big = RandomBytes((1 << 20) + 5, 5);
-  EXPECT_EQ(OpenSslMd5Hex(big.data(), big.size()),
-            md5.getHashFromBuffer(big.data(), big.size()));
-}
-
-TEST(md5wrapper, KnownDigests) {
-  Kelvane::md5wrapper md5;
-  unsigned char abc[] = {'a', 'b', 'c'};
-  EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", md5.getHashFromBuffer(abc, 3));
+  EXPECT_EQ(OpenSslMd5Hex(big, 0, big.size()),
+            md5.getHashFromBuffer(U8(big), big.size()));
   EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e",
             md5.getHashFromBuffer(nullptr, 0));
   unsigned char digest[16];
@@ -66,73 +45,46 @@ TEST(md5wrapper, KnownDigests) {
 
 TEST(md5wrapper, StreamingInAnyPiecesEqualsOneShot) {
   Kelvane::internal::Md5Engine engine;
-  std::vector<unsigned char> buf = RandomBytes(5000, 6);
-  unsigned char want[16];
-  engine.Digest(buf.data(), buf.size(), want);
-  for (size_t piece : {size_t{1}, size_t{7}, size_t{63}, size_t{64}, size_t{65},
-                       size_t{1000}}) {
-    SCOPED_TRACE(piece);
+  const std::string buf = RandomBytes(5000, 6);
+  for (size_t piece :
+       {size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{1000}}) {
     Kelvane::internal::Md5Context ctx;
     engine.Init(ctx);
     for (size_t at = 0; at < buf.size(); at += piece) {
-      engine.Update(ctx, buf.data() + at, std::min(piece, buf.size() - at));
+      engine.Update(ctx, U8(buf) + at, std::min(piece, buf.size() - at));
     }
     unsigned char got[16];
     engine.Final(ctx, got);
-    EXPECT_EQ(0, memcmp(want, got, 16));
+    EXPECT_EQ(testsupport::OpenSslDigest(EVP_md5(), buf.data(), buf.size()),
+              std::string(reinterpret_cast<char*>(got), 16))
+        << piece;
   }
 }
 
-class Md5FileTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(dir_.ok()); }
-  testsupport::TempFolder dir_;
-  Kelvane::md5wrapper md5_;
-};
-
-TEST_F(Md5FileTest, FilesOfVariousSizes) {
-  const size_t sizes[] = {0, 1, 1023, 1024, 1025, 65536, 65537, 300001};
-  for (size_t n : sizes) {
-    SCOPED_TRACE(n);
-    std::vector<unsigned char> bytes = RandomBytes(n, static_cast<unsigned>(n));
-    std::string path = dir_.Write("f" + std::to_string(n),
-                                  std::string(bytes.begin(), bytes.end()));
-    EXPECT_EQ(OpenSslMd5Hex(bytes.data(), n), md5_.getHashFromFile(path));
+TEST(md5wrapper, Files) {
+  testsupport::TempFolder dir;
+  for (size_t n : {size_t{0}, size_t{1024}, size_t{65537}, size_t{300001}}) {
+    std::string bytes = RandomBytes(n, static_cast<uint32_t>(n));
+    std::string path = dir.Write("f" + std::to_string(n), bytes);
+    EXPECT_EQ(OpenSslMd5Hex(bytes, 0, n),
+              Kelvane::md5wrapper().getHashFromFile(path))
+        << n;
   }
-}
-
-TEST_F(Md5FileTest, UnopenableFilesGiveMinusOne) {
-  struct Row {
-    const char* what;
-    std::string path;
-  } rows[] = {
-      {"missing file", dir_.File("absent.dat")},
-      {"under a missing folder", dir_.File("no/such/file")},
-      {"folder", dir_.path()},
-      {"empty path", ""},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.what);
-    EXPECT_EQ("-1", md5_.getHashFromFile(r.path));
+  for (const std::string& path : {dir.File("absent.dat"), dir.path()}) {
+    EXPECT_EQ("-1", Kelvane::md5wrapper().getHashFromFile(path)) << path;
   }
-  EXPECT_FALSE(std::filesystem::exists(dir_.File("absent.dat")));
-}
+  EXPECT_FALSE(std::filesystem::exists(dir.File("absent.dat")));
 
-TEST_F(Md5FileTest, UnreadableFileGivesMinusOne) {
-  std::string path = dir_.Write("secret.dat", "content");
-  ASSERT_EQ(0, chmod(path.c_str(), 0000));
-  std::string out;
-  ASSERT_TRUE(testsupport::RunUnprivileged(
-      [&] { return Kelvane::md5wrapper().getHashFromFile(path); }, &out))
-      << out;
-  EXPECT_EQ("-1", out);
-  // Readable again for the same user: a digest, not "-1".
-  ASSERT_EQ(0, chmod(path.c_str(), 0444));
-  ASSERT_TRUE(testsupport::RunUnprivileged(
-      [&] { return Kelvane::md5wrapper().getHashFromFile(path); }, &out))
-      << out;
-  unsigned char content[] = {'c', 'o', 'n', 't', 'e', 'n', 't'};
-  EXPECT_EQ(OpenSslMd5Hex(content, sizeof content), out);
+  // Unreadable for the caller: "-1"; readable again: the digest.
+  std::string path = dir.Write("secret.dat", "content");
+  for (mode_t mode : {0000, 0444}) {
+    ASSERT_EQ(0, chmod(path.c_str(), mode));
+    std::string out;
+    ASSERT_TRUE(testsupport::RunUnprivileged(
+        [&] { return Kelvane::md5wrapper().getHashFromFile(path); }, &out))
+        << out;
+    EXPECT_EQ(mode ? OpenSslMd5Hex("content", 0, 7) : "-1", out) << mode;
+  }
 }
 
 }  // namespace

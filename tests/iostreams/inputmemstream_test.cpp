@@ -9,19 +9,16 @@ namespace {
 
 TEST(InputMemStream, ReadsInPiecesUpToTheEnd) {
   struct Row {
-    const char* name;
     std::string data;
     std::vector<unsigned> asks;
     std::vector<unsigned> got;
   } rows[] = {
-      {"short then end", "abcd", {10, 10}, {4, 0}},
-      {"exact pieces", "abcdef", {3, 3, 1}, {3, 3, 0}},
-      {"zero count mid-stream", "abcdef", {2, 0, 9}, {2, 0, 4}},
-      {"empty", "", {0, 5}, {0, 0}},
-      {"embedded zero bytes", std::string("a\0b\0", 4), {3, 3}, {3, 1}},
+      {"abcd", {10, 10}, {4, 0}},
+      {"abcdef", {2, 0, 4, 1}, {2, 0, 4, 0}},
+      {std::string("a\0b\0", 4), {3, 3}, {3, 1}},
   };
   for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
+    SCOPED_TRACE(r.data);
     InputMemStream in(r.data.data(), static_cast<unsigned>(r.data.size()));
     EXPECT_EQ(r.data.size(), in.Size());
     std::string seen;
@@ -33,25 +30,22 @@ TEST(InputMemStream, ReadsInPiecesUpToTheEnd) {
       seen.append(buf.data(), n);
       EXPECT_EQ(seen.size(), in.CurPos());
     }
-    EXPECT_EQ(r.data.substr(0, seen.size()), seen);
+    EXPECT_EQ(r.data, seen);
   }
 }
 
 TEST(InputMemStream, TextConstructorStopsAtTheTerminator) {
+  char buf[16] = {};
   InputMemStream text("hello");
   EXPECT_EQ(5u, text.Size());
-  char buf[16] = {};
   EXPECT_EQ(5u, text.ReadBytes(buf, sizeof buf));
   EXPECT_STREQ("hello", buf);
-
   InputMemStream none(static_cast<const char*>(nullptr));
-  EXPECT_EQ(0u, none.Size());
-  EXPECT_EQ(0u, none.ReadBytes(buf, sizeof buf));
-  EXPECT_EQ(0u, none.CurPos());
-
   InputMemStream nullData(static_cast<const void*>(nullptr), 100);
-  EXPECT_EQ(0u, nullData.Size());
-  EXPECT_EQ(0u, nullData.ReadBytes(buf, sizeof buf));
+  for (InputMemStream* in : {&none, &nullData}) {
+    EXPECT_EQ(0u, in->Size());
+    EXPECT_EQ(0u, in->ReadBytes(buf, sizeof buf));
+  }
 }
 
 }  // namespace

@@ -2,141 +2,69 @@
 
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "common/iostreams/streamexceptions.h"
-
 #include "iostreams/streamtestutil.h"
+#include "support/tempfolder.h"
 
 namespace {
 
-using streamtest::ReadFile;
-using streamtest::TempDir;
+using streamtest::ExpectThrows;
+using testsupport::TempFolder;
 
-void ExpectThrows(const char* text, const std::function<void()>& fn) {
-  try {
-    fn();
-    ADD_FAILURE() << "no exception, wanted " << text;
-  } catch (const StreamError& e) {
-    EXPECT_STREQ(text, e.what());
-  }
-}
-
-TEST(OutputFSStream, ClosedStreamRefusesWork) {
-  OutputFSStream out;
-  ExpectThrows("Uninitialized Stream", [&] { out.WriteBytes("a", 1); });
-  ExpectThrows("Uninitialized Stream", [&] { out.WriteBytes("", 0); });
-  ExpectThrows("Uninitialized Stream", [&] { out.CurPos(); });
-  EXPECT_EQ(-1, out.Close());
-  out.Flush();
-  EXPECT_EQ(nullptr, out.Data());
-}
-
-TEST(OutputFSStream, OpenFailures) {
-  TempDir dir;
+TEST(OutputFSStream, ClosedOrFailedOpenRefusesWork) {
+  TempFolder dir;
+  const char* kNotOpen = "Uninitialized Stream";
+  OutputFSStream closed;
+  ExpectThrows(kNotOpen, [&] { closed.WriteBytes("", 0); });
+  EXPECT_EQ(-1, closed.Close());
+  closed.Flush();
+  EXPECT_EQ(nullptr, closed.Data());
   struct Row {
-    const char* name;
     std::string path;
     int flags;
-  } rows[] = {
-      {"missing without O_CREAT", dir.File("missing"), O_WRONLY},
-      {"missing folder", dir.File("no/such/file"), O_WRONLY | O_CREAT},
-      {"folder for writing", dir.path(), O_WRONLY},
-      {"exclusive on existing", dir.path(), O_WRONLY | O_CREAT | O_EXCL},
-  };
+  } rows[] = {{dir.File("missing"), O_WRONLY},
+              {dir.path(), O_WRONLY | O_CREAT | O_EXCL}};
   for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
+    SCOPED_TRACE(r.path);
     OutputFSStream out;
     ExpectThrows("ACE_OS::open failed!",
                  [&] { out.Open(r.path.c_str(), r.flags); });
-    ExpectThrows("Uninitialized Stream", [&] { out.CurPos(); });
+    ExpectThrows(kNotOpen, [&] { out.CurPos(); });
   }
 }
 
-// Two streams on one file, each write (stream index, text) in turn; whether
-// they are open at the same time or one after the other, every write lands
-// after the ones before it.
+// Every write lands at the end of the file, wherever other streams on the
+// same file have moved it, whether open at the same time or in turn.
 TEST(OutputFSStream, StreamsTakingTurnsAppend) {
+  TempFolder dir;
+  std::string path = dir.Write("out.bin", "old|");
+  OutputFSStream a, b;
+  a.Open(path.c_str(), O_WRONLY);
+  b.Open(path.c_str(), O_RDWR);
   struct Step {
-    int stream;
+    OutputFSStream* stream;
     const char* text;
-  };
-  struct Row {
-    const char* name;
-    std::string before;  // file content before, or "-" for no file
-    bool bothOpen;
-    int flags;
-    std::vector<Step> steps;
-    std::string after;
-  } rows[] = {
-      {"one after the other",
-       "-",
-       false,
-       O_WRONLY | O_CREAT,
-       {{0, "first,"}, {0, "again,"}, {1, "second"}},
-       "first,again,second"},
-      {"interleaved",
-       "-",
-       true,
-       O_WRONLY | O_CREAT,
-       {{0, "aa"}, {1, "bbb"}, {0, "c"}, {1, ""}, {0, "dd"}},
-       "aabbbcdd"},
-      {"existing content is kept",
-       "old|",
-       true,
-       O_WRONLY,
-       {{1, "x"}, {0, "y"}},
-       "old|xy"},
-      {"read-write open appends too",
-       "0123",
-       false,
-       O_RDWR,
-       {{0, "4"}, {1, "5"}},
-       "012345"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.name);
-    TempDir dir;
-    std::string path = dir.File("out.bin");
-    if (r.before != "-") streamtest::WriteFile(path, r.before);
-    size_t expectedSize = r.before == "-" ? 0 : r.before.size();
-    OutputFSStream streams[2];
-    int open = -1;
-    for (const Step& s : r.steps) {
-      if (r.bothOpen) {
-        if (open == -1) {
-          streams[0].Open(path.c_str(), r.flags);
-          streams[1].Open(path.c_str(), r.flags);
-          open = 2;
-        }
-      } else if (open != s.stream) {
-        if (open >= 0) {
-          EXPECT_EQ(0, streams[open].Close());
-        }
-        streams[s.stream].Open(path.c_str(), r.flags);
-        open = s.stream;
-      }
-      unsigned n = static_cast<unsigned>(strlen(s.text));
-      streams[s.stream].WriteBytes(s.text, n);
-      expectedSize += n;
-      EXPECT_EQ(expectedSize, streams[s.stream].CurPos());
-      EXPECT_EQ(expectedSize, ReadFile(path).size()) << "not written through";
-    }
-    streams[0].Close();
-    streams[1].Close();
-    EXPECT_EQ(r.after, ReadFile(path));
+  } steps[] = {{&a, "aa"}, {&b, "b"}, {&a, ""}, {&a, "c"}, {&b, "dd"}};
+  size_t size = 4;
+  for (const Step& s : steps) {
+    s.stream->WriteBytes(s.text, static_cast<unsigned>(strlen(s.text)));
+    size += strlen(s.text);
+    EXPECT_EQ(size, s.stream->CurPos()) << s.text;
+    EXPECT_EQ(size, TempFolder::Read(path).size()) << "not written through";
   }
+  EXPECT_EQ(0, a.Close());
+  a.Open(path.c_str(), O_WRONLY);
+  a.WriteBytes("!", 1);
+  EXPECT_EQ("old|aabcdd!", TempFolder::Read(path));
 }
 
-TEST(OutputFSStream, WriteFailureAndTruncatingOpen) {
-  TempDir dir;
-  std::string path = dir.File("f");
-  streamtest::WriteFile(path, "keep");
+TEST(OutputFSStream, WriteFailureTruncationAndCreationMode) {
+  TempFolder dir;
+  std::string path = dir.Write("f", "keep");
   {
     OutputFSStream readOnly;
     EXPECT_EQ(0, readOnly.Open(path.c_str(), O_RDONLY));
@@ -146,22 +74,22 @@ TEST(OutputFSStream, WriteFailureAndTruncatingOpen) {
     EXPECT_EQ(0, readOnly.Close());
     EXPECT_EQ(-1, readOnly.Close());
   }
-  EXPECT_EQ("keep", ReadFile(path));
+  EXPECT_EQ("keep", TempFolder::Read(path));
   {
     OutputFSStream out;
     out.Open(path.c_str(), O_WRONLY | O_TRUNC);
     EXPECT_EQ(0u, out.CurPos());
     out.WriteBytes("new", 3);
   }  // the destructor closes
-  EXPECT_EQ("new", ReadFile(path));
+  EXPECT_EQ("new", TempFolder::Read(path));
 
   OutputFSStream created;
   created.Open(dir.File("created").c_str(), O_WRONLY | O_CREAT);
-  struct stat cst;
-  ASSERT_EQ(0, stat(dir.File("created").c_str(), &cst));
+  struct stat st;
+  ASSERT_EQ(0, stat(dir.File("created").c_str(), &st));
   mode_t mask = umask(0);
   umask(mask);
-  EXPECT_EQ(0644u & ~mask, cst.st_mode & 0777u);
+  EXPECT_EQ(0644u & ~mask, st.st_mode & 0777u);
 }
 
 }  // namespace

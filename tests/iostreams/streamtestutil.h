@@ -1,49 +1,19 @@
-// Helpers shared by the stream tests: a scratch folder and an allocator
-// that records what the streams ask of it.
+// Helpers shared by the stream tests: an allocator that records what the
+// streams ask of it, and a check of the text a stream failure carries.
 #ifndef COM_TESTS_IOSTREAMS_STREAMTESTUTIL_H_
 #define COM_TESTS_IOSTREAMS_STREAMTESTUTIL_H_
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <ace/Malloc_Allocator.h>
 
+#include <gtest/gtest.h>
+
+#include "common/iostreams/streamexceptions.h"
+
 namespace streamtest {
-
-// A fresh folder under the system's temp folder, removed with its content.
-class TempDir {
- public:
-  TempDir() {
-    std::string tmpl =
-        (std::filesystem::temp_directory_path() / "com-streams-XXXXXX")
-            .string();
-    if (mkdtemp(tmpl.data()) != nullptr) path_ = tmpl;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
-  std::string File(const char* name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-inline void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)),
-                     std::istreambuf_iterator<char>());
-}
 
 // A real heap allocator that keeps the size of every request, can refuse
 // requests from the n-th on, and counts blocks not given back.
@@ -66,6 +36,20 @@ class RecordingAllocator : public ACE_New_Allocator {
   int refuse_from = -1;  // requests past this many fail; -1 never
   int live = 0;
 };
+
+inline void ExpectThrows(const char* text, const std::function<void()>& fn) {
+  try {
+    fn();
+    ADD_FAILURE() << "no exception, wanted " << text;
+  } catch (const std::exception& e) {
+    EXPECT_STREQ(text, e.what());
+  }
+}
+
+template <typename Stream>
+std::string Contents(const Stream& out) {
+  return std::string(reinterpret_cast<const char*>(out.Data()), out.CurPos());
+}
 
 }  // namespace streamtest
 

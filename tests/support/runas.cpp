@@ -10,16 +10,14 @@ namespace testsupport {
 
 bool RunUnprivileged(const std::function<std::string()>& fn,
                      std::string* result) {
-  int fds[2];
-  if (pipe(fds) != 0) {
-    *result = std::string("pipe: ") + std::strerror(errno);
-    return false;
-  }
-  pid_t pid = fork();
-  if (pid < 0) {
-    *result = std::string("fork: ") + std::strerror(errno);
-    close(fds[0]);
-    close(fds[1]);
+  int fds[2] = {-1, -1};
+  pid_t pid = -1;
+  if (pipe(fds) != 0 || (pid = fork()) < 0) {
+    *result = std::string("pipe/fork: ") + std::strerror(errno);
+    if (fds[0] >= 0) {
+      close(fds[0]);
+      close(fds[1]);
+    }
     return false;
   }
   if (pid == 0) {
@@ -30,21 +28,18 @@ bool RunUnprivileged(const std::function<std::string()>& fn,
       _exit(3);
     }
     std::string text = fn();
-    const char* p = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-      ssize_t n = write(fds[1], p, left);
+    for (size_t done = 0; done < text.size();) {
+      ssize_t n = write(fds[1], text.data() + done, text.size() - done);
       if (n <= 0) _exit(4);
-      p += n;
-      left -= static_cast<size_t>(n);
+      done += static_cast<size_t>(n);
     }
     _exit(0);
   }
   close(fds[1]);
   result->clear();
   char buf[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) result->append(buf, n);
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;)
+    result->append(buf, n);
   close(fds[0]);
   int status = 0;
   if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||

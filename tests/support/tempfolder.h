@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <system_error>
@@ -39,6 +40,11 @@ class TempFolder {
     std::string p = File(name);
     std::ofstream(p, std::ios::binary | std::ios::trunc) << bytes;
     return p;
+  }
+  // The whole content of a file at `path` (empty when it cannot be read).
+  static std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
   }
 
  private:
