@@ -41,7 +41,6 @@ TEST(SharedEvent, NamesMapToOneFileEach) {
        "/dev/shm/com-event.Global\\KelvaneRestart_42"},
       {"../etc/passwd", "/dev/shm/com-event...%2Fetc%2Fpasswd"},
       {"a%2Fb", "/dev/shm/com-event.a%252Fb"},
-      {"a/b", "/dev/shm/com-event.a%2Fb"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -127,8 +126,7 @@ TEST(SharedEvent, OpenToEveryUserWhateverTheUmask) {
   }
   int status = 0;
   ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ(0, status);
   EXPECT_TRUE(Poll(ev));
 }
 
