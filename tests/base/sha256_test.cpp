@@ -51,18 +51,14 @@ TEST(SHA256Kernels, MatchOpenSslForEveryShortLengthAndOffset) {
 
 TEST(SHA256, GetHashIsLowerCaseHexAndEmptyForNoData) {
   Kelvane::SHA256 sha;
-  std::string abc = "abc";
-  EXPECT_STREQ(
-      "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
-      sha.GetHash(U8(abc), 3).c_str());
   std::string buf = RandomBytes(1000, 3);
   ACE_CString got = sha.GetHash(U8(buf), 1000);
   EXPECT_EQ(testsupport::LowerHex(
                 testsupport::OpenSslDigest(EVP_sha256(), buf.data(), 1000)),
             std::string(got.c_str(), got.length()));
   // No data gives the empty string, not the digest of no bytes.
-  EXPECT_EQ(0u, sha.GetHash(nullptr, 10).length());
-  EXPECT_EQ(0u, sha.GetHash(U8(buf), 0).length());
+  EXPECT_EQ(
+      0u, sha.GetHash(nullptr, 10).length() + sha.GetHash(U8(buf), 0).length());
 }
 
 }  // namespace

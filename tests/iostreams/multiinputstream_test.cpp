@@ -20,8 +20,7 @@ TEST(MultiInputStream, ReadsMembersInTurn) {
     std::vector<unsigned> asks;
     std::vector<std::string> got;
   } rows[] = {
-      {{"ab", "cde"}, {1, 3, 5}, {"a", "bcd", "e"}},
-      {{"ab", "", "c"}, {2, 0, 1, 1}, {"ab", "", "c", ""}},
+      {{"ab", "", "cde"}, {1, 3, 0, 5}, {"a", "bcd", "", "e"}},
       {{}, {4}, {""}},
   };
   for (const Row& r : rows) {
@@ -97,11 +96,10 @@ TEST(MultiInputStream, MembersAddedWhileReadingAndPartlyReadOnes) {
   ASSERT_EQ(2u, multi.ReadBytes(buf, 2));
   multi.AddStream(c);
   ASSERT_EQ(6u, multi.ReadBytes(buf, sizeof buf));
-  EXPECT_EQ("cfgxyz", std::string(buf, 6));
-  EXPECT_EQ(0u, multi.ReadBytes(buf, sizeof buf));
-  EXPECT_EQ(3u + 4u + 3u, multi.Size());
+  EXPECT_EQ(0u, multi.ReadBytes(buf + 6, sizeof buf - 6));
   multi.AddStream(d);  // added after the end: reached in turn
-  ASSERT_EQ(4u, multi.ReadBytes(buf, sizeof buf));
+  ASSERT_EQ(4u, multi.ReadBytes(buf + 6, sizeof buf - 6));
+  EXPECT_EQ("cfgxyzlate", std::string(buf, 10));
   EXPECT_EQ(12u, multi.CurPos());
 }
 

@@ -21,8 +21,6 @@ TEST(OutputFSStream, ClosedOrFailedOpenRefusesWork) {
   OutputFSStream closed;
   ExpectThrows(kNotOpen, [&] { closed.WriteBytes("", 0); });
   EXPECT_EQ(-1, closed.Close());
-  closed.Flush();
-  EXPECT_EQ(nullptr, closed.Data());
   struct Row {
     std::string path;
     int flags;
@@ -68,11 +66,9 @@ TEST(OutputFSStream, WriteFailureTruncationAndCreationMode) {
   {
     OutputFSStream readOnly;
     EXPECT_EQ(0, readOnly.Open(path.c_str(), O_RDONLY));
-    EXPECT_EQ(4u, readOnly.CurPos());
     ExpectThrows("ACE_OS::write_n failed!",
                  [&] { readOnly.WriteBytes("x", 1); });
     EXPECT_EQ(0, readOnly.Close());
-    EXPECT_EQ(-1, readOnly.Close());
   }
   EXPECT_EQ("keep", TempFolder::Read(path));
   {
