@@ -35,10 +35,10 @@ TEST(HexUtils, BufferRoundTripOverEveryByte) {
   Kelvane::HexStrToBinBuf(hex, 512, back);
   EXPECT_EQ(0, std::memcmp(bytes, back, 256));
 
+  // Without the terminator; no data leaves the text as it was.
   const unsigned char two[] = {0xAB, 0x01};
   char out[6] = "#####";
   Kelvane::BinBufToHexStr(two, 2, out, false);
-  EXPECT_STREQ("AB01#", out);
   EXPECT_EQ(out, Kelvane::BinBufToHexStr(nullptr, 1, out, true));
   EXPECT_STREQ("AB01#", out);
   EXPECT_EQ(nullptr, Kelvane::BinBufToHexStr(two, 2, nullptr, true));

@@ -43,28 +43,20 @@ TEST(MultiInputStream, ReadsMembersInTurn) {
   }
 }
 
-// Counts its deletions; reads from a fixed text in pieces of at most
-// `step` bytes, like a source that delivers what it has at hand.
-class TrackedStream : public InputStream {
+// Counts its deletions; gives at most `step` bytes a call, like a source
+// that delivers what it has at hand.
+class TrackedStream : public InputMemStream {
  public:
-  TrackedStream(std::string text, unsigned step, int* deletions)
-      : text_(std::move(text)), step_(step), deletions_(deletions) {}
+  TrackedStream(const char* text, unsigned step, int* deletions)
+      : InputMemStream(text), step_(step), deletions_(deletions) {}
   ~TrackedStream() override { ++*deletions_; }
-  unsigned CurPos() const override { return pos_; }
-  unsigned Size() const override { return static_cast<unsigned>(text_.size()); }
   unsigned ReadBytes(void* buffer, unsigned count) override {
-    unsigned n =
-        std::min({static_cast<unsigned>(text_.size()) - pos_, count, step_});
-    text_.copy(static_cast<char*>(buffer), n, pos_);
-    pos_ += n;
-    return n;
+    return InputMemStream::ReadBytes(buffer, std::min(count, step_));
   }
 
  private:
-  std::string text_;
   unsigned step_;
   int* deletions_;
-  unsigned pos_ = 0;
 };
 
 TEST(MultiInputStream, OwnedMembersDieWithItBorrowedOnesDoNot) {

@@ -21,18 +21,10 @@ TEST(OutputFSStream, ClosedOrFailedOpenRefusesWork) {
   OutputFSStream closed;
   ExpectThrows(kNotOpen, [&] { closed.WriteBytes("", 0); });
   EXPECT_EQ(-1, closed.Close());
-  struct Row {
-    std::string path;
-    int flags;
-  } rows[] = {{dir.File("missing"), O_WRONLY},
-              {dir.path(), O_WRONLY | O_CREAT | O_EXCL}};
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.path);
-    OutputFSStream out;
-    ExpectThrows("ACE_OS::open failed!",
-                 [&] { out.Open(r.path.c_str(), r.flags); });
-    ExpectThrows(kNotOpen, [&] { out.CurPos(); });
-  }
+  OutputFSStream out;
+  ExpectThrows("ACE_OS::open failed!",
+               [&] { out.Open(dir.File("missing").c_str(), O_WRONLY); });
+  ExpectThrows(kNotOpen, [&] { out.CurPos(); });
 }
 
 // Every write lands at the end of the file, wherever other streams on the
