@@ -146,28 +146,21 @@ TEST(Base64Kernels, AgreeWithTheReferenceOnNoisyInput) {
 TEST(Base64Coder, EncodeAndDecode) {
   Base64Coder b64;
   ACE_CString out("old content");
-  b64.Encode(out,
-             U8("\xFB\xFF\xBF"
-                "A"),
-             4);
+  b64.Encode(out, U8("\xFB\xFF\xBF\x41"), 4);
   EXPECT_STREQ("+/+/QQ==", out.c_str());
   std::string big = RandomBytes(3000, 13);
   b64.Encode(out, U8(big), static_cast<unsigned>(big.size()));
   EXPECT_EQ(4000u, out.length()) << "one line, no breaks";
 
-  struct Row {
-    std::string text;
-    std::string want;
-  } rows[] = {{"QUJD\nREVG\n", "ABCDEF"}, {"QUJ", ""}};
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.text);
+  for (std::string text : {"QUJD\nREVG\n", "QUJ"}) {
     unsigned got = 99;
     Kelvane::auto_ptr<char, Kelvane::ArrayDelete<char>> buf =
-        b64.Decode(r.text.data(), static_cast<unsigned>(r.text.size()), got);
+        b64.Decode(text.data(), static_cast<unsigned>(text.size()), got);
     ASSERT_NE(nullptr, buf.get());
-    EXPECT_EQ(r.want, std::string(buf.get(), got));
-    // The whole buffer of the input's length is ours to touch.
-    buf[r.text.size() - 1] = 'x';
+    // A cut group decodes to nothing; the whole buffer of the input's
+    // length is ours to touch.
+    EXPECT_EQ(text == "QUJ" ? "" : "ABCDEF", std::string(buf.get(), got));
+    buf[text.size() - 1] = 'x';
   }
 }
 
