@@ -108,7 +108,9 @@ int ScanNotes(const std::vector<unsigned char>& area, uint64_t align,
   auto roundUp = [pad](uint64_t v) { return (v + pad - 1) & ~(pad - 1); };
   const uint64_t size = area.size();
   uint64_t pos = 0;
-  while (size - pos >= 12) {
+  // The padding after the last descriptor may run past the area's end, so
+  // `pos` can pass `size`.
+  while (pos <= size && size - pos >= 12) {
     const unsigned char* h = area.data() + pos;
     uint64_t namesz = dec.Get(h, 4);
     uint64_t descsz = dec.Get(h + 4, 4);
