@@ -13,9 +13,18 @@ foreach(forbidden IN ITEMS internal)
     message(FATAL_ERROR "private headers installed: ${leaked}")
   endif()
 endforeach()
+# Every installed header must compile from the installed tree alone.
+file(GLOB_RECURSE installed_headers RELATIVE "${prefix}/include/com"
+     "${prefix}/include/com/*.h")
+set(all_headers "")
+foreach(h IN LISTS installed_headers)
+  string(APPEND all_headers "#include \"${h}\"\n")
+endforeach()
+file(WRITE "${WORK_DIR}/all_headers.cpp" "${all_headers}")
 execute_process(
   COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}/tests/consumer/project"
           -B "${WORK_DIR}/build" -DCMAKE_PREFIX_PATH=${prefix}
+          -DALL_HEADERS_SOURCE=${WORK_DIR}/all_headers.cpp
   RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "consumer configure failed: ${rc}")
