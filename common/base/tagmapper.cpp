@@ -8,8 +8,8 @@
 #include <memory>
 
 #include <ace/Guard_T.h>
-#include <ace/Object_Manager.h>
 
+#include "common/base/internal/singletonlock.h"
 #include "common/base/internal/tagmessage.h"
 
 namespace {
@@ -17,19 +17,6 @@ namespace {
 // The published singleton. Atomic so that the unlocked first test of the
 // double-checked creation is a proper acquire read.
 std::atomic<TagMapper*> g_instance{nullptr};
-
-// The lock that guards the creation: one of ACE's singleton locks, fetched
-// once. ACE fills a caller's pointer after an unlocked test of it, so the
-// one fetch happens inside a function-local static's initialisation, which
-// orders it before every use on every thread.
-ACE_Thread_Mutex* SingletonLock() {
-  static ACE_Thread_Mutex* const lock = [] {
-    ACE_Thread_Mutex* fetched = nullptr;
-    return ACE_Object_Manager::get_singleton_lock(fetched) == 0 ? fetched
-                                                                : nullptr;
-  }();
-  return lock;
-}
 
 // VR names in eDCMType order.
 const char kVRNames[][3] = {"UN", "AE", "AS", "CS", "DA", "DS", "DT",
@@ -127,7 +114,7 @@ TagMapper* TagMapper::Instance() {
   TagMapper* mapper = g_instance.load(std::memory_order_acquire);
   if (mapper != nullptr) return mapper;
 
-  ACE_Thread_Mutex* lock = SingletonLock();
+  ACE_Thread_Mutex* lock = Kelvane::internal::SingletonLock();
   if (lock == nullptr) return nullptr;
   ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *lock, nullptr);
   mapper = g_instance.load(std::memory_order_relaxed);

@@ -3,8 +3,9 @@
 #include <cstdint>
 
 #include <ace/Guard_T.h>
-#include <ace/Object_Manager.h>
 #include <ace/Thread_Mutex.h>
+
+#include "common/base/internal/singletonlock.h"
 
 namespace {
 
@@ -29,16 +30,6 @@ const unsigned long kSeriesTags[] = {
 
 const unsigned long kInstanceTags[] = {0x00080012, 0x00080013, 0x00080016,
                                        0x00080018, 0};
-
-// One of ACE's singleton locks, fetched once (see TagMapper::Instance).
-ACE_Thread_Mutex* SingletonLock() {
-  static ACE_Thread_Mutex* const lock = [] {
-    ACE_Thread_Mutex* fetched = nullptr;
-    return ACE_Object_Manager::get_singleton_lock(fetched) == 0 ? fetched
-                                                                : nullptr;
-  }();
-  return lock;
-}
 
 }  // namespace
 
@@ -65,7 +56,7 @@ TagSelector& TagSelector::instance() {
 
   // Without the lock (only when it cannot be allocated) the first call
   // must come before threads race for it.
-  ACE_Thread_Mutex* lock = SingletonLock();
+  ACE_Thread_Mutex* lock = Kelvane::internal::SingletonLock();
   if (lock != nullptr) lock->acquire();
   selector = m_instance.load(std::memory_order_relaxed);
   if (selector == nullptr) {
