@@ -9,7 +9,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-dev clang-format
   libssl-dev
-  liburing-dev libblkid-dev libmount-dev libsystemd-dev
+  liburing-dev libblkid-dev libmount-dev libsystemd-dev libdw-dev
+  libboost-dev hyperfine
   libdcmtk-dev libpoco-dev libgdcm-dev python3-pydicom
   util-linux e2fsprogs iproute2 dbus python3-dbusmock
   tzdata
