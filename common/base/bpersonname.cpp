@@ -103,6 +103,20 @@ bool BPersonName::FromDICOMName(const ACE_String_Base<char>& text) {
   return valid_;
 }
 
+BPersonName BPersonName::Group(int index) const {
+  const char* p = dicom_name_.c_str();
+  const char* const end = p + dicom_name_.length();
+  for (int i = 0; i < index; ++i) {
+    while (p != end && *p != '=') ++p;
+    if (p == end) return BPersonName("");  // fewer groups than asked for
+    ++p;
+  }
+  const char* q = p;
+  while (q != end && *q != '=') ++q;
+  return BPersonName(ACE_String_Base<char>(
+      p, static_cast<ACE_String_Base<char>::size_type>(q - p)));
+}
+
 bool BPersonName::FromDICOMName(char c) {
   return FromDICOMName(ACE_String_Base<char>(&c, 1));
 }

@@ -75,6 +75,20 @@ class COM_EXPORT BPersonName {
   const ACE_String_Base<char>& GetPrefix() const { return prefix_; }
   const ACE_String_Base<char>& GetSuffix() const { return suffix_; }
 
+  // The component groups of the DICOM name, which is split at "=": the
+  // first (alphabetic), second (ideographic) and third (phonetic) group,
+  // each parsed on its own by FromDICOMName into its five components. A
+  // group the text does not have, or leaves empty, gives a valid name with
+  // all components empty; groups after the third are ignored. The members
+  // above are not affected: for "Yamada^Tarou=山田^太郎=やまだ^たろう"
+  // GetGivenName() stays "Tarou=山田" and GetDICOMName() the whole text,
+  // while Ideographic().GetFamilyName() is "山田" and
+  // Phonetic().GetGivenName() is "たろう". "=Smith" has an empty first group
+  // and "Smith" as its second.
+  BPersonName Alphabetic() const { return Group(0); }
+  BPersonName Ideographic() const { return Group(1); }
+  BPersonName Phonetic() const { return Group(2); }
+
   // Assign the component only; nothing derived is regenerated until the
   // next ToDICOMName().
   void SetFamilyName(const ACE_String_Base<char>& s) { family_name_ = s; }
@@ -96,6 +110,8 @@ class COM_EXPORT BPersonName {
   void GenerateDisplayName();
   // display name with title = family[ prefix][, given][, middle]
   void GenerateDisplayNameWithTitle();
+  // Group `index` (0..2) of the DICOM name, parsed.
+  BPersonName Group(int index) const;
 
   ACE_String_Base<char> family_name_;
   ACE_String_Base<char> given_name_;

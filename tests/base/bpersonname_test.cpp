@@ -1,8 +1,12 @@
 #include "common/base/bpersonname.h"
 
+#include <random>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/pyoracle.h"
 
 namespace {
 
@@ -131,6 +135,113 @@ TEST(BPersonName, EqualityCoversEveryFieldAndIsCaseSensitive) {
   BPersonName b;
   b.FromDisplayName("");
   EXPECT_FALSE(BPersonName() == b);
+}
+
+// For each name: pydicom's three groups, and the five components of each
+// (split at "^", as pydicom splits the alphabetic group into family_name
+// .. name_suffix), joined with "|".
+const char kGroupOracle[] = R"PY(
+import sys, warnings
+from pydicom.valuerep import PersonName
+warnings.simplefilter("ignore")
+for line in sys.stdin:
+    t = line[:-1]
+    p = PersonName(t)
+    groups = (list(p.components) + ["", "", ""])[:3]
+    out = []
+    for i, g in enumerate(groups):
+        parts = (g.split("^") + [""] * 5)[:5]
+        if i == 0:
+            assert parts == [p.family_name, p.given_name, p.middle_name,
+                             p.name_prefix, p.name_suffix]
+        if i == 1:
+            assert g == p.ideographic
+        if i == 2:
+            assert g == p.phonetic
+        out.append(g)
+        out.extend(parts)
+    print("|".join(out))
+)PY";
+
+std::vector<std::string> Names() {
+  std::vector<std::string> out = {
+      "Yamada^Tarou=山田^太郎=やまだ^たろう",
+      "=Smith",
+      "Smith==",
+      "Smith=",
+      "==やまだ",
+      "",
+      "=",
+      "Doe^John^Q^Dr^Jr",
+      "A^B^C^D^E^F=G^H^I^J^K^L",
+      "^^^^",
+      "Wang^XiaoDong=王^小東=",
+  };
+  const char* const pieces[] = {"",       "Doe", "John", "山田",    "太郎",
+                                "やまだ", "Q",   "Dr.",  "van der", "Ö"};
+  std::mt19937 rng(18);
+  auto pick = [&rng](int n) {
+    return std::uniform_int_distribution<int>(0, n - 1)(rng);
+  };
+  for (int i = 0; i < 400; ++i) {
+    std::string name;
+    int const groups = 1 + pick(3);
+    for (int g = 0; g < groups; ++g) {
+      if (g != 0) name += '=';
+      int const parts = pick(6);
+      for (int c = 0; c < parts; ++c) {
+        if (c != 0) name += '^';
+        name += pieces[pick(static_cast<int>(std::size(pieces)))];
+      }
+    }
+    out.push_back(name);
+  }
+  return out;
+}
+
+std::string Parts(const BPersonName& group) {
+  std::string s = group.GetDICOMName().c_str();
+  for (const ACE_String_Base<char>* c :
+       {&group.GetFamilyName(), &group.GetGivenName(), &group.GetMiddleName(),
+        &group.GetPrefix(), &group.GetSuffix()}) {
+    s += "|";
+    s += c->c_str();
+  }
+  return s;
+}
+
+// The groups and their components agree with pydicom's PersonName, the
+// text is kept byte for byte, and the members of the whole name read as
+// they always did ("=" inside the components).
+TEST(BPersonName, GroupsAgreeWithPydicom) {
+  if (!comtest::PythonHas("pydicom")) GTEST_SKIP() << "no python3-pydicom";
+  std::vector<std::string> names = Names();
+  std::vector<std::string> expected;
+  std::string why;
+  ASSERT_TRUE(comtest::RunPython(kGroupOracle, names, expected, why)) << why;
+  ASSERT_EQ(names.size(), expected.size());
+  for (size_t i = 0; i < names.size(); ++i) {
+    SCOPED_TRACE("\"" + names[i] + "\"");
+    BPersonName const pn(names[i].c_str());
+    EXPECT_EQ(expected[i], Parts(pn.Alphabetic()) + "|" +
+                               Parts(pn.Ideographic()) + "|" +
+                               Parts(pn.Phonetic()));
+    EXPECT_EQ(names[i], pn.GetDICOMName().c_str());
+    BPersonName whole;
+    whole.FromDICOMName(ACE_String_Base<char>(names[i].c_str()));
+    EXPECT_TRUE(whole == pn);
+  }
+}
+
+TEST(BPersonName, GroupsLeaveTheWholeNameAsItWas) {
+  BPersonName const pn("Yamada^Tarou=山田^太郎=やまだ^たろう");
+  EXPECT_STREQ("Yamada", pn.GetFamilyName().c_str());
+  EXPECT_STREQ("Tarou=山田", pn.GetGivenName().c_str());
+  EXPECT_STREQ("太郎=やまだ", pn.GetMiddleName().c_str());
+  EXPECT_STREQ("たろう", pn.GetPrefix().c_str());
+  EXPECT_STREQ("Yamada, Tarou=山田, 太郎=やまだ", pn.GetDisplayName().c_str());
+  EXPECT_STREQ("山田, 太郎", pn.Ideographic().GetDisplayName().c_str());
+  EXPECT_TRUE(pn.Phonetic().IsValid());
 }
 
 }  // namespace
