@@ -1,16 +1,20 @@
 #include "common/base/uidgenerator.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
+#include <random>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "common/base/comlog.h"
+#include "common/base/internal/sha512.h"
 #include "common/base/internal/uidgenerator_internal.h"
 
 namespace {
@@ -197,4 +201,158 @@ ACE_String_Base<char> UIDGenerator::GenerateUID() {
   if (len > static_cast<size_t>(kMaxUIDLength)) TooLong(buf, __LINE__);
   return ACE_String_Base<char>(
       buf, static_cast<ACE_String_Base<char>::size_type>(len));
+}
+
+namespace {
+
+// Writes the big-endian number in limbs[0..n) (32 bits each; destroyed) in
+// decimal at out and returns the digit count. out needs 10 * n + 1 bytes.
+size_t BigDecimal(uint32_t* limbs, size_t n, char* out) {
+  char rev[10 * 16 + 10];
+  size_t len = 0;
+  size_t top = 0;
+  while (top < n && limbs[top] == 0) ++top;
+  while (top < n) {
+    // Divide by 10^9 and keep the remainder as nine digits.
+    uint64_t rem = 0;
+    for (size_t i = top; i < n; ++i) {
+      uint64_t const cur = (rem << 32) | limbs[i];
+      limbs[i] = static_cast<uint32_t>(cur / 1000000000u);
+      rem = cur % 1000000000u;
+    }
+    while (top < n && limbs[top] == 0) ++top;
+    for (int d = 0; d < 9 && (top < n || rem != 0); ++d) {
+      rev[len++] = static_cast<char>('0' + rem % 10);
+      rem /= 10;
+    }
+  }
+  if (len == 0) rev[len++] = '0';
+  for (size_t i = 0; i < len; ++i) out[i] = rev[len - 1 - i];
+  return len;
+}
+
+inline int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Reads the UUID forms FromUUID accepts into four big-endian limbs.
+bool ReadUUID(const char* p, size_t n, uint32_t limbs[4]) {
+  static const char kUrn[] = "urn:uuid:";
+  if (n >= 9 && std::strncmp(p, kUrn, 9) == 0) {
+    p += 9;
+    n -= 9;
+  }
+  if (n >= 2 && p[0] == '{' && p[n - 1] == '}') {
+    ++p;
+    n -= 2;
+  }
+  bool const hyphens = n == 36;
+  if (!hyphens && n != 32) return false;
+  limbs[0] = limbs[1] = limbs[2] = limbs[3] = 0;
+  int digit = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (hyphens && (i == 8 || i == 13 || i == 18 || i == 23)) {
+      if (p[i] != '-') return false;
+      continue;
+    }
+    int const v = HexValue(p[i]);
+    if (v < 0) return false;
+    limbs[digit / 8] = (limbs[digit / 8] << 4) | static_cast<uint32_t>(v);
+    ++digit;
+  }
+  return true;
+}
+
+ACE_CString UUIDToUID(uint32_t limbs[4]) {
+  char buf[5 + 40 + 1] = "2.25.";
+  size_t const len = 5 + BigDecimal(limbs, 4, buf + 5);
+  buf[len] = 0;
+  return ACE_CString(buf);
+}
+
+// A UID prefix: valid components, each followed by a dot.
+bool IsPrefix(const char* p, size_t n) {
+  if (n == 0 || n > static_cast<size_t>(UIDGenerator::kMaxUIDLength - 1) ||
+      p[n - 1] != '.') {
+    return false;
+  }
+  return UIDGenerator::IsValid(ACE_CString(p, n - 1));
+}
+
+}  // namespace
+
+bool UIDGenerator::IsValid(const ACE_CString& uid) {
+  size_t const n = uid.length();
+  if (n == 0 || n > static_cast<size_t>(kMaxUIDLength)) return false;
+  const char* const p = uid.c_str();
+  size_t start = 0;  // first character of the current component
+  for (size_t i = 0; i <= n; ++i) {
+    if (i == n || p[i] == '.') {
+      size_t const len = i - start;
+      if (len == 0 || (len > 1 && p[start] == '0')) return false;
+      start = i + 1;
+    } else if (p[i] < '0' || p[i] > '9') {
+      return false;
+    }
+  }
+  return true;
+}
+
+ACE_CString UIDGenerator::FromUUID(const ACE_CString& uuid) {
+  uint32_t limbs[4];
+  if (!ReadUUID(uuid.c_str(), uuid.length(), limbs)) return ACE_CString();
+  return UUIDToUID(limbs);
+}
+
+ACE_CString UIDGenerator::GenerateUUIDUID() {
+  unsigned char bytes[16];
+  size_t got = 0;
+  while (got < sizeof bytes) {
+    ssize_t const r = getrandom(bytes + got, sizeof bytes - got, 0);
+    if (r > 0) {
+      got += static_cast<size_t>(r);
+    } else if (r < 0 && errno != EINTR) {
+      break;
+    }
+  }
+  if (got < sizeof bytes) {
+    // No getrandom (old kernel, seccomp): the library's random device.
+    std::random_device rd;
+    for (unsigned char& b : bytes) b = static_cast<unsigned char>(rd());
+  }
+  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // v4
+  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC
+  uint32_t limbs[4];
+  for (int i = 0; i < 4; ++i) {
+    limbs[i] = static_cast<uint32_t>(bytes[4 * i]) << 24 |
+               static_cast<uint32_t>(bytes[4 * i + 1]) << 16 |
+               static_cast<uint32_t>(bytes[4 * i + 2]) << 8 | bytes[4 * i + 3];
+  }
+  return UUIDToUID(limbs);
+}
+
+ACE_CString UIDGenerator::Remap(const ACE_CString& prefix,
+                                const ACE_CString& uid,
+                                const ACE_CString& salt) {
+  if (!IsPrefix(prefix.c_str(), prefix.length())) return ACE_CString();
+  ACE_CString joined(uid);
+  joined += salt;
+  unsigned char digest[Kelvane::internal::kSha512DigestSize];
+  Kelvane::internal::Sha512(joined.c_str(), joined.length(), digest);
+  uint32_t limbs[16];
+  for (int i = 0; i < 16; ++i) {
+    limbs[i] = static_cast<uint32_t>(digest[4 * i]) << 24 |
+               static_cast<uint32_t>(digest[4 * i + 1]) << 16 |
+               static_cast<uint32_t>(digest[4 * i + 2]) << 8 |
+               digest[4 * i + 3];
+  }
+  char digits[10 * 16 + 1];
+  size_t const len = BigDecimal(limbs, 16, digits);
+  size_t const room = static_cast<size_t>(kMaxUIDLength) - prefix.length();
+  ACE_CString out(prefix);
+  out += ACE_CString(digits, len < room ? len : room);
+  return out;
 }

@@ -76,6 +76,36 @@ class COM_EXPORT UIDGenerator {
   // large enough.
   static void GenerateUID(ACE_String_Base<char>& out);
   static ACE_String_Base<char> GenerateUID();
+
+  // UID texts that need no initialisation. All are thread-safe.
+
+  // True when `uid` obeys the UI rules: 1 to 64 characters, dot-separated
+  // components of digits, none empty, none with a leading zero except "0"
+  // itself. "1.2.840.10008" and "0.0" are valid; "1..2", "1.02", "1.2.",
+  // "" and "1.2 " (padded) are not.
+  static bool IsValid(const ACE_CString& uid);
+
+  // "2.25." followed by the UUID read as one 128-bit unsigned integer in
+  // decimal: f81d4fae-7dec-11d0-a765-00a0c91e6bf6 gives
+  // 2.25.329800735698586629295641978511506172918. Accepts the 36-character
+  // form with hyphens after the 8th, 12th, 16th and 20th digit and the
+  // 32-digit form without hyphens, in either letter case, each optionally
+  // in braces and optionally after "urn:uuid:". An empty string for
+  // anything else.
+  static ACE_CString FromUUID(const ACE_CString& uuid);
+
+  // FromUUID of a random version-4 UUID (122 bits from getrandom(2)).
+  static ACE_CString GenerateUUIDUID();
+
+  // A deterministic replacement for `uid`, for de-identification: `prefix`
+  // followed by the leading decimal digits of the SHA-512 digest of the
+  // bytes of `uid` then `salt`, read as one big-endian integer, as many as
+  // fit in 64 characters. The same inputs always give the same UID;
+  // different salts give unrelated ones. `prefix` must be a UID prefix:
+  // valid components each followed by ".", at most 63 characters
+  // ("1.2.826.0.1.3680043.8.498."); otherwise the result is empty.
+  static ACE_CString Remap(const ACE_CString& prefix, const ACE_CString& uid,
+                           const ACE_CString& salt);
 };
 
 #endif  // COM_COMMON_BASE_UIDGENERATOR_H_

@@ -5,12 +5,16 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <numeric>
+#include <openssl/sha.h>
+#include <random>
 #include <sched.h>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -21,9 +25,11 @@
 
 #include <gtest/gtest.h>
 
+#include "common/base/internal/sha512.h"
 #include "common/base/internal/uidgenerator_internal.h"
 
 #include "support/logcapture.h"
+#include "support/pyoracle.h"
 
 namespace {
 
@@ -284,6 +290,210 @@ TEST_F(UIDGeneratorTest, ConcurrentMintingGivesDistinctUIDsAndEveryCounter) {
   std::vector<uint32_t> all(size_t{kThreads * kPerThread});
   std::iota(all.begin(), all.end(), 1u);
   EXPECT_TRUE(all == counters);
+}
+
+// Lines "kind<TAB>args...": V text (UID.is_valid of the unpadded text), U text
+// (uuid.UUID int or "bad"), R prefix uid salt (generate_uid, "" on ValueError),
+// G uid (the version and variant of the UUID behind a 2.25 UID).
+const char kUIDOracle[] = R"PY(
+import sys, uuid, warnings
+from pydicom.uid import UID, generate_uid
+warnings.simplefilter("ignore")
+for line in sys.stdin:
+    f = line[:-1].split("\t")
+    if f[0] == "V":
+        # UID() strips padding before the check; a padded text is no UID
+        print(1 if f[1] == f[1].strip() and UID(f[1]).is_valid else 0)
+    elif f[0] == "U":
+        try:
+            print("2.25.%d" % uuid.UUID(f[1]).int)
+        except ValueError:
+            print("bad")
+    elif f[0] == "R":
+        try:
+            print(generate_uid(f[1], entropy_srcs=[f[2], f[3]]))
+        except ValueError:
+            print("")
+    else:
+        u = uuid.UUID(int=int(f[1][5:]))
+        print(u.version, u.variant == uuid.RFC_4122)
+)PY";
+
+struct OracleRow {
+  std::string line;  // what python reads
+  std::string got;   // what the library gives
+};
+
+std::vector<OracleRow> UIDRows() {
+  std::mt19937 rng(18);
+  auto pick = [&rng](size_t n) {
+    return std::uniform_int_distribution<size_t>(0, n - 1)(rng);
+  };
+  auto digits = [&](size_t n) {
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += char('0' + pick(10));
+    return s;
+  };
+  std::vector<OracleRow> rows;
+  auto valid = [&](const std::string& t) {
+    rows.push_back({"V\t" + t, UIDGenerator::IsValid(t.c_str()) ? "1" : "0"});
+  };
+  // Good UIDs of every length up to 65, then one byte broken.
+  for (int i = 0; i < 600; ++i) {
+    std::string t;
+    size_t const want = 1 + pick(66);
+    while (t.size() < want) {
+      if (!t.empty()) t += '.';
+      size_t const len = 1 + pick(8);
+      std::string c =
+          len == 1 ? digits(1) : char('1' + pick(9)) + digits(len - 1);
+      t += c;
+    }
+    valid(t);
+    const std::string junk = "0.a -/+x\xc3";
+    std::string broken = t;
+    size_t const at = pick(t.size());
+    switch (pick(4)) {
+      case 0:
+        broken[at] = junk[pick(junk.size())];
+        break;
+      case 1:
+        broken.insert(at, 1, junk[pick(junk.size())]);
+        break;
+      case 2:
+        broken += '.';
+        break;
+      default:
+        broken.erase(at, 1);
+        break;
+    }
+    valid(broken);
+  }
+  for (const char* t : {"", "0", "0.0", "00", "1.01", ".1", "1..2", "1.2 "}) {
+    valid(t);
+  }
+  // UUIDs in every form, and damaged ones.
+  const char* const hex = "0123456789abcdefABCDEF";
+  for (int i = 0; i < 300; ++i) {
+    std::string h;
+    for (int d = 0; d < 32; ++d) h += hex[pick(i % 10 == 0 ? 1 : 22)];
+    std::string t = h.substr(0, 8) + "-" + h.substr(8, 4) + "-" +
+                    h.substr(12, 4) + "-" + h.substr(16, 4) + "-" +
+                    h.substr(20);
+    switch (i % 6) {
+      case 1:
+        t = h;
+        break;
+      case 2:
+        t = "{" + t + "}";
+        break;
+      case 3:
+        t = "urn:uuid:" + t;
+        break;
+      case 4:
+        // Python reads hyphens anywhere and blanks around the digits; the
+        // damage here is one it rejects too.
+        t[pick(t.size())] = "gx{"[pick(3)];
+        break;
+      case 5: {
+        size_t at = pick(t.size());
+        if (t[at] == '-') ++at;
+        t.erase(at, 1);
+        break;
+      }
+    }
+    rows.push_back({"U\t" + t, [&] {
+                      std::string u = UIDGenerator::FromUUID(t.c_str()).c_str();
+                      return u.empty() ? std::string("bad") : u;
+                    }()});
+  }
+  // Remapped UIDs for prefixes of every length, and invalid prefixes.
+  for (int i = 0; i < 300; ++i) {
+    std::string prefix;
+    size_t const want = i % 5 ? pick(58) : pick(70);
+    while (prefix.size() < want)
+      prefix += char('1' + pick(9)) + digits(pick(6)) + ".";
+    if (i % 17 == 0) prefix = i % 2 ? "1.2" : "1.02.";
+    std::string const uid = "1.2.840." + digits(1 + pick(30));
+    std::string const salt = i % 3 ? digits(pick(20)) : std::string("sälz");
+    rows.push_back(
+        {"R\t" + prefix + "\t" + uid + "\t" + salt,
+         UIDGenerator::Remap(prefix.c_str(), uid.c_str(), salt.c_str())
+             .c_str()});
+  }
+  return rows;
+}
+
+// IsValid, FromUUID and Remap over generated good and broken inputs
+// against pydicom's UID.is_valid, Python's uuid.UUID and pydicom's
+// generate_uid.
+TEST(UIDGenerator, UIDTextsAgreeWithPython) {
+  if (!comtest::PythonHas("pydicom")) GTEST_SKIP() << "no python3-pydicom";
+  std::vector<OracleRow> rows = UIDRows();
+  std::set<std::string> random;
+  for (int i = 0; i < 200; ++i) {
+    std::string const u = UIDGenerator::GenerateUUIDUID().c_str();
+    EXPECT_TRUE(UIDGenerator::IsValid(u.c_str())) << u;
+    random.insert(u);
+    if (i < 50) rows.push_back({"G\t" + u, "4 True"});
+  }
+  EXPECT_EQ(200u, random.size());
+  std::vector<std::string> lines;
+  for (const OracleRow& r : rows) lines.push_back(r.line);
+  std::vector<std::string> expected;
+  std::string why;
+  ASSERT_TRUE(comtest::RunPython(kUIDOracle, lines, expected, why)) << why;
+  ASSERT_EQ(rows.size(), expected.size());
+  std::map<std::string, int> agreed;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(rows[i].line);
+    EXPECT_EQ(expected[i], rows[i].got);
+    // Outcome classes: V0/V1, U2 (a UID) / Ub, R (empty) / Rx (a UID).
+    std::string const kind = rows[i].line.substr(0, 1);
+    agreed[kind == "R" && !expected[i].empty()
+               ? std::string("Rx")
+               : kind + expected[i].substr(0, 1)]++;
+  }
+  // Both outcomes occur for every function.
+  EXPECT_GT(agreed["V1"], 300);
+  EXPECT_GT(agreed["V0"], 300);
+  EXPECT_GT(agreed["Ub"], 50);
+  EXPECT_GT(agreed["U2"], 150);
+  EXPECT_GT(agreed["Rx"], 150);
+  EXPECT_GT(agreed["R"], 5);
+}
+
+TEST(UIDGenerator, FromUUIDAndRemapKnownValues) {
+  EXPECT_STREQ(
+      "2.25.329800735698586629295641978511506172918",
+      UIDGenerator::FromUUID("f81d4fae-7dec-11d0-a765-00a0c91e6bf6").c_str());
+  EXPECT_STREQ(
+      "2.25.0",
+      UIDGenerator::FromUUID("00000000-0000-0000-0000-000000000000").c_str());
+  EXPECT_STREQ(
+      "2.25.340282366920938463463374607431768211455",
+      UIDGenerator::FromUUID("ffffffffffffffffffffffffffffffff").c_str());
+  // Remap is deterministic and the salt matters.
+  ACE_CString const a = UIDGenerator::Remap("1.2.3.", "1.2.840.1", "s1");
+  EXPECT_EQ(a, UIDGenerator::Remap("1.2.3.", "1.2.840.1", "s1"));
+  EXPECT_NE(a, UIDGenerator::Remap("1.2.3.", "1.2.840.1", "s2"));
+  EXPECT_EQ(64u, a.length());
+}
+
+// The SHA-512 behind Remap against OpenSSL, across the padding boundaries.
+TEST(UIDGenerator, Sha512AgreesWithOpenSSL) {
+  std::string data;
+  std::mt19937 rng(18);
+  for (size_t len = 0; len <= 300; ++len) {
+    SCOPED_TRACE(len);
+    unsigned char ours[64];
+    unsigned char ref[64];
+    Kelvane::internal::Sha512(data.data(), data.size(), ours);
+    SHA512(reinterpret_cast<const unsigned char*>(data.data()), data.size(),
+           ref);
+    EXPECT_EQ(0, std::memcmp(ours, ref, 64));
+    data += static_cast<char>(rng());
+  }
 }
 
 }  // namespace
