@@ -10,6 +10,7 @@
 #include <ace/Guard_T.h>
 
 #include "common/base/internal/singletonlock.h"
+#include "common/base/internal/tagkeywords.h"
 #include "common/base/internal/tagmessage.h"
 
 namespace {
@@ -236,4 +237,136 @@ void TagMapper::WriteTagsToFile() {
   }
   std::fputs(tm::kTableClosing, out);
   std::fclose(out);
+}
+
+namespace {
+
+using Kelvane::internal::kTagKeywordCount;
+using Kelvane::internal::kTagKeywords;
+using Kelvane::internal::TagKeyword;
+
+uint32_t HashKeyword(const char* k) {
+  uint32_t h = 2166136261u;  // FNV-1a
+  for (; *k != '\0'; ++k) {
+    h = (h ^ static_cast<unsigned char>(*k)) * 16777619u;
+  }
+  return h;
+}
+
+// Open-addressing indexes over kTagKeywords (linear probing, load below
+// 1/3), built once on first use: by exact tag, and by keyword.
+class KeywordIndex {
+ public:
+  static const KeywordIndex& Get() {
+    static const KeywordIndex index;
+    return index;
+  }
+
+  const TagKeyword* ByTag(uint32_t tag) const {
+    for (uint32_t i = Slot(tag, shift_);; i = (i + 1) & mask_) {
+      uint16_t const e = by_tag_[i];
+      if (e == 0) break;
+      if (kTagKeywords[e - 1].tag == tag) return &kTagKeywords[e - 1];
+    }
+    // Repeating groups, for public (even) groups only.
+    if ((tag >> 16) % 2 == 0) {
+      for (unsigned r = first_repeater_; r < kTagKeywordCount; ++r) {
+        const TagKeyword& e = kTagKeywords[r];
+        if ((tag & e.mask) == e.tag) return &e;
+      }
+    }
+    return nullptr;
+  }
+
+  const TagKeyword* ByKeyword(const char* keyword) const {
+    uint32_t const h = HashKeyword(keyword);
+    for (uint32_t i = h & mask_;; i = (i + 1) & mask_) {
+      const Named& n = by_keyword_[i];
+      if (n.entry == 0) return nullptr;
+      if (n.hash == h &&
+          std::strcmp(kTagKeywords[n.entry - 1].keyword, keyword) == 0) {
+        return &kTagKeywords[n.entry - 1];
+      }
+    }
+  }
+
+ private:
+  struct Named {
+    uint32_t hash;
+    uint16_t entry;  // index + 1; 0 is a free slot
+  };
+
+  KeywordIndex() {
+    // At least three slots per entry; entry numbers must fit 16 bits.
+    while ((1u << (32 - shift_)) < 3 * kTagKeywordCount) --shift_;
+    mask_ = (1u << (32 - shift_)) - 1;
+    by_tag_.reset(new uint16_t[mask_ + 1]());
+    by_keyword_.reset(new Named[mask_ + 1]());
+    first_repeater_ = kTagKeywordCount;
+    for (unsigned i = 0; i < kTagKeywordCount; ++i) {
+      const TagKeyword& e = kTagKeywords[i];
+      if (e.mask != 0xFFFFFFFFu) {
+        if (first_repeater_ == kTagKeywordCount) first_repeater_ = i;
+        continue;
+      }
+      uint32_t s = Slot(e.tag, shift_);
+      while (by_tag_[s] != 0) s = (s + 1) & mask_;
+      by_tag_[s] = static_cast<uint16_t>(i + 1);
+    }
+    // Keywords: exact entries first, a later one of the same keyword
+    // replacing an earlier one; repeating groups only where the keyword is
+    // not taken.
+    for (unsigned i = 0; i < kTagKeywordCount; ++i) {
+      const TagKeyword& e = kTagKeywords[i];
+      if (e.keyword[0] == '\0') continue;
+      bool const repeater = e.mask != 0xFFFFFFFFu;
+      uint32_t const h = HashKeyword(e.keyword);
+      uint32_t s = h & mask_;
+      for (;; s = (s + 1) & mask_) {
+        Named& n = by_keyword_[s];
+        if (n.entry == 0) {
+          n.hash = h;
+          n.entry = static_cast<uint16_t>(i + 1);
+          break;
+        }
+        if (n.hash == h &&
+            std::strcmp(kTagKeywords[n.entry - 1].keyword, e.keyword) == 0) {
+          if (!repeater) n.entry = static_cast<uint16_t>(i + 1);
+          break;
+        }
+      }
+    }
+  }
+
+  std::unique_ptr<uint16_t[]> by_tag_;
+  std::unique_ptr<Named[]> by_keyword_;
+  unsigned first_repeater_ = 0;
+  unsigned shift_ = 32 - 8;
+  uint32_t mask_ = 0;
+};
+
+}  // namespace
+
+const char* TagMapper::FindKeyword(unsigned int tag) const {
+  const TagKeyword* e = KeywordIndex::Get().ByTag(tag);
+  return e == nullptr || e->keyword[0] == '\0' ? nullptr : e->keyword;
+}
+
+bool TagMapper::FindTagByKeyword(const char* keyword,
+                                 unsigned long& tag) const {
+  if (keyword == nullptr || keyword[0] == '\0') return false;
+  const TagKeyword* e = KeywordIndex::Get().ByKeyword(keyword);
+  if (e == nullptr) return false;
+  tag = e->tag;
+  return true;
+}
+
+const char* TagMapper::FindVM(unsigned int tag) const {
+  const TagKeyword* e = KeywordIndex::Get().ByTag(tag);
+  return e == nullptr ? nullptr : e->vm;
+}
+
+bool TagMapper::IsRetired(unsigned int tag) const {
+  const TagKeyword* e = KeywordIndex::Get().ByTag(tag);
+  return e != nullptr && e->retired;
 }

@@ -89,6 +89,27 @@ class COM_EXPORT TagMapper {
   // The type of `tag`; UN (0) if the tag is unknown.
   eDCMType FindVR(unsigned int tag) const;
 
+  // Keyword look-ups over the whole DICOM data dictionary the table was
+  // generated from (every group, not only those of m_GETable), repeating
+  // groups included: (6002,3000) is an OverlayData like (6000,3000).
+  // Repeating-group patterns apply to even groups only. They read a
+  // compiled-in table, take no lock and may run on any thread.
+
+  // The attribute's keyword ("PatientName" for 0x00100010), or null when
+  // the tag is unknown or its attribute has no keyword.
+  const char* FindKeyword(unsigned int tag) const;
+
+  // The tag of `keyword` (exact, case-sensitive): true and `tag` set, or
+  // false with `tag` untouched. A repeating-group keyword gives its first
+  // group ("OverlayData" gives 0x60003000). Null or empty gives false.
+  bool FindTagByKeyword(const char* keyword, unsigned long& tag) const;
+
+  // The value multiplicity ("1", "1-n", "2-2n", ...), or null when unknown.
+  const char* FindVM(unsigned int tag) const;
+
+  // True when the attribute is retired; false when it is not, or unknown.
+  bool IsRetired(unsigned int tag) const;
+
   // The two VR letters of `type`, the first in the low byte (UN is 0x4E55).
   // Two deliberate quirks are kept: AE (1) yields the letters "AS", and AS
   // (2) yields 0. Any value above SQ (25) yields 0 as well.

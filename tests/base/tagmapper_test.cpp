@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/pyoracle.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -344,6 +346,93 @@ TEST_F(TagMapperWriteTest, ReadersRunWhileTheMapGrows) {
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(0, misses.load());
   EXPECT_STREQ("Vendor Value", mapper.FindDescription(0x000913FF));
+}
+
+// pydicom's answers for every dictionary tag, for tags of every repeating
+// group pattern (random x digits, even and odd groups) and for tags it does
+// not know; then for every keyword, every repeating keyword (pydicom does
+// not look those up: the expected tag is the pattern with x read as 0) and
+// keywords that are not.
+//   T <hex tag> <keyword or -> <VM or -> <retired 0/1>
+//   K <keyword> <hex tag or ->
+const char kKeywordOracle[] = R"PY(
+import random
+from pydicom._dicom_dict import DicomDictionary, RepeatersDictionary
+from pydicom.datadict import (keyword_for_tag, dictionary_VM,
+                              dictionary_is_retired, tag_for_keyword)
+rng = random.Random(18)
+tags = list(DicomDictionary)
+for mask in RepeatersDictionary:
+    for _ in range(6):
+        tags.append(int("".join(rng.choice("0123456789ABCDEF") if c == "x"
+                                else c for c in mask), 16))
+tags += [rng.getrandbits(32) for _ in range(3000)]
+tags += [0x00100011, 0x60013000, 0x00090010, 0xFFFFFFFF, 0]
+for t in tags:
+    try:
+        vm = dictionary_VM(t)
+        ret = int(dictionary_is_retired(t))
+    except KeyError:
+        vm, ret = "-", 0
+    print("T %08X %s %s %d" % (t, keyword_for_tag(t) or "-", vm, ret))
+names = [v[4] for v in DicomDictionary.values() if v[4]]
+for k in names + [n + "X" for n in names[::50]] + [n.lower() for n in names[::50]]:
+    t = tag_for_keyword(k)
+    print("K %s %s" % (k, "-" if t is None else "%08X" % t))
+for mask, v in RepeatersDictionary.items():
+    if tag_for_keyword(v[4]) is None:
+        print("K %s %08X" % (v[4], int(mask.replace("x", "0"), 16)))
+)PY";
+
+// Keyword, VM and retired flag of every tag, and the tag of every keyword,
+// against pydicom's dictionary functions.
+TEST(TagMapper, KeywordLookupsAgreeWithPydicom) {
+  if (!comtest::PythonHas("pydicom")) GTEST_SKIP() << "no python3-pydicom";
+  std::vector<std::string> lines;
+  std::string why;
+  ASSERT_TRUE(comtest::RunPython(kKeywordOracle, {}, lines, why)) << why;
+  const TagMapper* dict = TagMapper::Instance();
+  size_t known = 0;
+  size_t keywords = 0;
+  for (const std::string& line : lines) {
+    SCOPED_TRACE(line);
+    char kind = 0;
+    char a[128] = {0};
+    char b[128] = {0};
+    char c[128] = {0};
+    int retired = 0;
+    ASSERT_GE(std::sscanf(line.c_str(), "%c %127s %127s %127s %d", &kind, a, b,
+                          c, &retired),
+              3);
+    if (kind == 'T') {
+      unsigned int const tag =
+          static_cast<unsigned int>(std::strtoul(a, nullptr, 16));
+      const char* kw = dict->FindKeyword(tag);
+      const char* vm = dict->FindVM(tag);
+      char got[300];
+      std::snprintf(got, sizeof got, "T %s %s %s %d", a, kw ? kw : "-",
+                    vm ? vm : "-", dict->IsRetired(tag) ? 1 : 0);
+      EXPECT_EQ(line, got);
+      known += vm != nullptr;
+    } else {
+      unsigned long tag = 0xDEADu;
+      bool const found = dict->FindTagByKeyword(a, tag);
+      char got[300];
+      if (found) {
+        std::snprintf(got, sizeof got, "K %s %08lX", a, tag);
+      } else {
+        std::snprintf(got, sizeof got, "K %s -", a);
+        EXPECT_EQ(0xDEADu, tag);
+      }
+      EXPECT_EQ(line, got);
+      keywords += found;
+    }
+  }
+  EXPECT_GT(known, 4900u);
+  EXPECT_GT(keywords, 4500u);
+  unsigned long tag = 0;
+  EXPECT_FALSE(dict->FindTagByKeyword(nullptr, tag));
+  EXPECT_FALSE(dict->FindTagByKeyword("", tag));
 }
 
 }  // namespace
