@@ -109,10 +109,8 @@ int GetDriveSpace(ACE_UINT64& total, ACE_UINT64& freeToCaller,
   return 0;
 }
 
-namespace {
+namespace internal {
 
-// The disk of a block device is fixed when sysfs says it is not removable;
-// a partition asks its parent disk.
 bool IsFixedBlockDevice(unsigned major, unsigned minor) {
   char link[64];
   std::snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major, minor);
@@ -130,7 +128,7 @@ bool IsFixedBlockDevice(unsigned major, unsigned minor) {
   return false;
 }
 
-}  // namespace
+}  // namespace internal
 
 void GetLogicalDriveList(std::vector<ACE_CString>& out) {
   std::ifstream in("/proc/self/mountinfo");
@@ -145,7 +143,7 @@ void GetLogicalDriveList(std::vector<ACE_CString>& out) {
   while (std::getline(in, line)) {
     internal::MountEntry m;
     if (!internal::ParseMountInfoLine(line, m) || m.major == 0) continue;
-    if (!IsFixedBlockDevice(m.major, m.minor)) continue;
+    if (!internal::IsFixedBlockDevice(m.major, m.minor)) continue;
     std::string root = m.mountPoint;
     if (root.empty() || root.back() != '/') root += '/';
     ACE_UINT64 total = 0, avail = 0;

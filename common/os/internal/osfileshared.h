@@ -193,7 +193,10 @@ inline ACE_UINT64 ModifiedTicks(const struct statx& stx) {
 
 inline bool IsReadOnlyMode(mode_t mode) { return (mode & 0222) == 0; }
 
-// The path with trailing '/' removed (a lone "/" stays), so that lstat sees
+// The disk of the block device major:minor is fixed when sysfs says it is
+// not removable; a partition asks its parent disk. False when sysfs does not
+// know the device.
+bool IsFixedBlockDevice(unsigned major, unsigned minor);
 
 }  // namespace internal
 }  // namespace Kelvane
