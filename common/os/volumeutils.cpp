@@ -61,8 +61,10 @@ bool ReadAttribute(int dirFd, const std::string& name, std::string& out) {
   return true;
 }
 
-// The device node of a sysfs block entry: "/dev/" + its DEVNAME.
-std::string DeviceNode(int dirFd, const std::string& entry) {
+// The device node of a sysfs block entry: "/dev/" + its DEVNAME, or
+// `fallback` when the entry has none.
+std::string DeviceNode(int dirFd, const std::string& entry,
+                       const std::string& fallback) {
   std::string uevent;
   if (ReadAttribute(dirFd, entry + "/uevent", uevent)) {
     size_t at = uevent.find("DEVNAME=");
@@ -73,7 +75,7 @@ std::string DeviceNode(int dirFd, const std::string& entry) {
                                                  : end - at - 8);
     }
   }
-  return "/dev/" + entry;
+  return fallback;
 }
 
 // What the probe of a device found.
@@ -182,7 +184,7 @@ bool EnumerateVolumes(std::vector<VolumeIterator::Snapshot::Volume>& out) {
     unsigned major = 0, minor = 0;
     if (std::sscanf(dev.c_str(), "%u:%u", &major, &minor) != 2) continue;
     const dev_t devno = makedev(major, minor);
-    const std::string node = DeviceNode(dirFd, entry);
+    const std::string node = DeviceNode(dirFd, entry, "/dev/" + entry);
     std::string uuid;
     Probe probe = ProbeDevice(node.c_str(), &uuid, nullptr);
     if (probe == Probe::kUnreadable) {
@@ -278,15 +280,16 @@ bool CanonicalFolder(const ACE_CString& path, std::string& out) {
   return true;
 }
 
-// The volume name of the block device `devno` (its node taken from sysfs).
-std::string VolumeNameOfDevice(dev_t devno) {
+// The volume name of the block device `devno`, its node taken from sysfs
+// (`source`, the mount's, where sysfs does not know the device).
+std::string VolumeNameOfDevice(dev_t devno, const std::string& source) {
   char dir[64];
   std::snprintf(dir, sizeof dir, "/sys/dev/block/%u:%u", ::major(devno),
                 ::minor(devno));
-  std::string node = "/dev/" + std::string(dir + 15);
+  std::string node = source;
   int fd = ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd >= 0) {
-    node = DeviceNode(fd, ".");
+    node = DeviceNode(fd, ".", source);
     ::close(fd);
   }
   std::string uuid;
@@ -311,7 +314,7 @@ int MountedAt(const ACE_CString& path, std::string& name) {
       name = it->source;
       return ENOTBLK;
     }
-    name = VolumeNameOfDevice(it->device);
+    name = VolumeNameOfDevice(it->device, it->source);
     return 0;
   }
   return EINVAL;
