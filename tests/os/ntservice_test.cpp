@@ -525,6 +525,32 @@ TEST_F(NTServiceBusTest, AccessDeniedByTheBus) {
   EXPECT_NE(std::string::npos, answer.find("member=\"StartUnit\"")) << answer;
 }
 
+// Copies of one opened object share its connection from several threads
+// while other threads open services of their own.
+TEST_F(NTServiceBusTest, CopiesAcrossThreads) {
+  AddService("shared.service", "manual");
+  NT_Service service("shared");
+  service.open();
+  service.run();
+  std::vector<std::thread> threads;
+  std::vector<int> wrong(6, 0);
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([&, i] {
+      NT_Service mine = i % 2 == 0 ? service : NT_Service("shared");
+      try {
+        if (i % 2 != 0) mine.open();
+        for (int k = 0; k < 20; ++k) {
+          if (!mine.isRunning() || !mine.isEnabled()) ++wrong[i];
+        }
+      } catch (const NT_Service::APIError&) {
+        ++wrong[i];
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(0, wrong[i]) << i;
+}
+
 // The real manager, where this machine runs one: a transient unit made with
 // systemd-run, stopped through the class.
 TEST(NTServiceSystemd, TransientUnitOnTheRealManager) {
