@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -512,6 +513,26 @@ TEST_F(VolumeUtilsTest, MountFailures) {
   // A file system that is no block device occupies its folder too.
   EXPECT_EQ("", std::string(K::uniqueVolumeName("/proc").c_str()));
   EXPECT_FALSE(K::mountVolume("/proc", "UUID=x"));
+}
+
+// Listings from several threads at once see the same volumes.
+TEST_F(VolumeUtilsTest, ListsFromSeveralThreads) {
+  auto ext4 = Ext4(kExt4Uuid);
+  if (!ext4) GTEST_SKIP() << "no loop device or mkfs.ext4";
+  const std::string ext4Name = std::string("UUID=") + kExt4Uuid;
+  std::vector<std::thread> threads;
+  std::vector<int> missing(4, 0);
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      for (int k = 0; k < 10; ++k) {
+        std::vector<ACE_CString> out;
+        K::listVolumes(out, k % 2 == 0, true);
+        if (!Contains(Strings(out), ext4Name)) ++missing[i];
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(0, missing[i]) << i;
 }
 
 // Sixteen volumes at once, with the time of one listing reported.
