@@ -311,7 +311,7 @@ TEST_F(VolumeUtilsTest, ListsVolumesByFlags) {
       // Loop devices are not removable media.
       EXPECT_TRUE(Contains(names, ext4Name));
       if (vfat) {
-        EXPECT_TRUE(Contains(names, VfatName(kVfatId)));
+        EXPECT_TRUE(Contains(names, VfatName(kVfatId)));  // its volume id
       }
       // A device without a file system is no volume.
       for (const std::string& n : names) EXPECT_NE("", n);
@@ -327,16 +327,32 @@ TEST_F(VolumeUtilsTest, ListsVolumesByFlags) {
   }
 }
 
+// A FAT file system is named by its volume id; it is listed without being
+// mounted (this kernel may not even have the vfat driver).
+TEST_F(VolumeUtilsTest, ListsFatVolumeByItsVolumeId) {
+  if (!HaveTool("mkfs.vfat")) {
+    GTEST_SKIP() << "mkfs.vfat (dosfstools) is not installed";
+  }
+  auto vfat = Vfat(kVfatId);
+  if (!vfat) GTEST_SKIP() << "no loop device";
+  std::vector<ACE_CString> out;
+  K::listVolumes(out, true, true);
+  EXPECT_TRUE(Contains(Strings(out), "UUID=1A2B-3C4D"));
+  EXPECT_FALSE(Contains(Strings(out), vfat->device())) << "named by device";
+}
+
 // Loop devices are never removable and the kernel offers no way to mark one
 // so; as the nearest real thing, a child in a mount namespace of its own
 // bind-mounts a file reading "1" over the device's sysfs "removable".
 TEST_F(VolumeUtilsTest, RemovableMediaLeftOutOfFixedList) {
+  const char kRemovableUuid[] = "6b1d3e5f-2a4c-4e6a-8c0e-1f3a5c7e9b2d";
   auto ext4 = Ext4(kExt4Uuid);
-  auto vfat = Vfat(kVfatId);
-  if (!ext4 || !vfat) GTEST_SKIP() << "no loop device, mkfs.ext4 or mkfs.vfat";
+  auto removable = Ext4(kRemovableUuid);
+  if (!ext4 || !removable) GTEST_SKIP() << "no loop device or mkfs.ext4";
   const std::string one = folder_.Write("removable", "1\n");
-  const std::string attribute = "/sys/block/" + vfat->sysName() + "/removable";
-  const std::string vfatName = VfatName(kVfatId);
+  const std::string attribute =
+      "/sys/block/" + removable->sysName() + "/removable";
+  const std::string removableName = std::string("UUID=") + kRemovableUuid;
   const std::string ext4Name = std::string("UUID=") + kExt4Uuid;
   std::string answer = InChild([&]() -> std::string {
     if (!PrivateMounts() || ::mount(one.c_str(), attribute.c_str(), nullptr,
@@ -349,9 +365,9 @@ TEST_F(VolumeUtilsTest, RemovableMediaLeftOutOfFixedList) {
     K::listVolumes(all, false, false);
     std::vector<std::string> f = Strings(fixed), a = Strings(all);
     std::string r;
-    r += Contains(f, vfatName) ? "vfat-in-fixed " : "";
+    r += Contains(f, removableName) ? "removable-in-fixed " : "";
     r += Contains(f, ext4Name) ? "" : "ext4-not-in-fixed ";
-    r += Contains(a, vfatName) ? "" : "vfat-not-in-all ";
+    r += Contains(a, removableName) ? "" : "removable-not-in-all ";
     r += Logged(logs, LM_DEBUG,
                 "VolumeUtils::listVolumes: Not fixed media. Won't list it in "
                 "volume list.\n")
