@@ -1,0 +1,156 @@
+#include "common/os/kelvanewin32registry.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "common/os/configstore.h"
+
+#include "support/runas.h"
+#include "support/tempfolder.h"
+
+namespace {
+
+using testsupport::TempFolder;
+
+const char kIni[] =
+    "[SOFTWARE\\Kelvane]\n"
+    "LogRoot = /var/log/kelvane\n"
+    "[Software\\Kelvane\\QuillonServer\\System]\n"
+    "Debug = 1\n";
+
+std::string Value(KelvaneWin32Registry& r,
+                  const ACE_Configuration_Section_Key& key, const char* name) {
+  ACE_TString v;
+  if (r.get_string_value(key, name, v) != 0) return "(none)";
+  return std::string(v.c_str(), v.length());
+}
+
+// A reader without write access to the file opens an existing section of
+// several levels and reads a value through the ordinary ACE call.
+TEST(KelvaneWin32Registry, ReaderWithReadAccessOnly) {
+  TempFolder folder;
+  ASSERT_TRUE(folder.ok());
+  const std::string file = folder.Write("kelvane.ini", kIni);
+  ASSERT_EQ(0, ::chmod(file.c_str(), 0644));
+  std::string answer;
+  ASSERT_TRUE(testsupport::RunUnprivileged(
+      [&]() -> std::string {
+        if (::geteuid() == 0) return "still root";
+        int fd = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd >= 0) {
+          ::close(fd);
+          return "file is writable";
+        }
+        KelvaneWin32Registry registry(file.c_str());
+        ACE_Configuration_Section_Key key;
+        if (registry.open_section_readonly(
+                registry.root_section(),
+                "software\\KELVANE\\QuillonServer\\System", key) != 0) {
+          return "open failed";
+        }
+        return Value(registry, key, "Debug");
+      },
+      &answer))
+      << answer;
+  EXPECT_EQ("1", answer);
+}
+
+TEST(KelvaneWin32Registry, OpensLevelByLevelAndRejectsBadNames) {
+  TempFolder folder;
+  const std::string file = folder.Write("kelvane.ini", kIni);
+  KelvaneWin32Registry registry(file.c_str());
+  ACE_Configuration_Section_Key kelvane;
+  ASSERT_EQ(0, registry.open_section_readonly(registry.root_section(),
+                                              "SOFTWARE\\Kelvane", kelvane));
+  EXPECT_EQ("/var/log/kelvane", Value(registry, kelvane, "LogRoot"));
+  // Below an opened section, again several levels.
+  ACE_Configuration_Section_Key system;
+  ASSERT_EQ(0, registry.open_section_readonly(kelvane, "QuillonServer\\System",
+                                              system));
+  EXPECT_EQ("1", Value(registry, system, "Debug"));
+
+  struct {
+    const char* name;
+    int rc;
+  } rows[] = {
+      {"QuillonServer", 0},
+      {"quillonserver\\system", 0},
+      {"", -1},                        // no name
+      {"\\QuillonServer", -1},         // a leading separator
+      {"Quillon[Server]", -1},         // brackets
+      {"QuillonServer\\Missing", -1},  // a missing level
+      {"Missing", -1},
+      {nullptr, -1},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name ? r.name : "(null)");
+    ACE_Configuration_Section_Key out = kelvane;
+    EXPECT_EQ(r.rc, registry.open_section_readonly(kelvane, r.name, out));
+    if (r.rc != 0) {
+      // `result` still names the section it named before.
+      EXPECT_EQ("/var/log/kelvane", Value(registry, out, "LogRoot"));
+    }
+  }
+  // A key of no configuration.
+  ACE_Configuration_Section_Key none;
+  EXPECT_EQ(-1, registry.open_section_readonly(none, "SOFTWARE", system));
+}
+
+TEST(KelvaneWin32Registry, MissingSectionCreatesNothing) {
+  TempFolder folder;
+  const std::string file = folder.Write("kelvane.ini", kIni);
+  struct stat before;
+  ASSERT_EQ(0, ::stat(file.c_str(), &before));
+  {
+    KelvaneWin32Registry registry(file.c_str());
+    ACE_Configuration_Section_Key key;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      EXPECT_EQ(-1, registry.open_section_readonly(
+                        registry.root_section(),
+                        "SOFTWARE\\Kelvane\\NewProduct\\Settings", key));
+    }
+    // Not even in memory.
+    ACE_Configuration_Section_Key kelvane;
+    ASSERT_EQ(0, registry.open_section_readonly(registry.root_section(),
+                                                "SOFTWARE\\Kelvane", kelvane));
+    ACE_TString name;
+    int sections = 0;
+    while (registry.enumerate_sections(kelvane, sections, name) == 0) {
+      EXPECT_STRNE("NewProduct", name.c_str());
+      ++sections;
+    }
+    EXPECT_EQ(1, sections);
+  }
+  EXPECT_EQ(std::string(kIni), TempFolder::Read(file));
+  struct stat after;
+  ASSERT_EQ(0, ::stat(file.c_str(), &after));
+  EXPECT_EQ(before.st_mtim.tv_sec, after.st_mtim.tv_sec);
+  EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
+}
+
+TEST(KelvaneWin32Registry, MissingFileIsAHiveWithoutKeys) {
+  TempFolder folder;
+  const std::string file = folder.File("absent.ini");
+  const char* old = std::getenv(Kelvane::ConfigStore::kFileVariable);
+  const std::string saved = old ? old : "";
+  ::setenv(Kelvane::ConfigStore::kFileVariable, file.c_str(), 1);
+  KelvaneWin32Registry registry;  // the file the variable names
+  if (old) {
+    ::setenv(Kelvane::ConfigStore::kFileVariable, saved.c_str(), 1);
+  } else {
+    ::unsetenv(Kelvane::ConfigStore::kFileVariable);
+  }
+  ACE_Configuration_Section_Key key;
+  EXPECT_EQ(-1, registry.open_section_readonly(registry.root_section(),
+                                               "SOFTWARE", key));
+  struct stat st;
+  EXPECT_NE(0, ::stat(file.c_str(), &st)) << "the file is never created";
+}
+
+}  // namespace
