@@ -3,13 +3,17 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <fcntl.h>
 #include <liburing.h>
 #include <mutex>
 #include <new>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 #include <time.h>
+#include <unistd.h>
 #include <unordered_map>
 #include <vector>
 
@@ -29,6 +33,10 @@ const char kPortError[] = "Completion port error";
 // How long the destructor waits for cancelled operations to come back.
 const std::chrono::seconds kDrainLimit(3);
 
+// Requests of the listening thread that wait for it to look for
+// completions again before the submitter is woken for them.
+const size_t kListenerBatch = 32;
+
 enum class OpCode : unsigned char {
   kRead,
   kWrite,
@@ -44,8 +52,23 @@ enum class OpCode : unsigned char {
 struct Op {
   unsigned long key;
   CompletionPort::Overlapped* ov;
-  ACE_UINT32 bytes;  // a posted packet's byte count
   OpCode code;
+};
+
+// A packet in the port's own queue beside the ring: a posted one, or an
+// operation that finished within its start call.
+struct Ready {
+  unsigned long key;
+  CompletionPort::Overlapped* ov;
+  OpCode code;
+  ACE_INT64 result;
+  ACE_UINT32 bytes;  // a posted packet's byte count
+};
+
+// A registered descriptor.
+struct Entry {
+  unsigned long key;
+  bool socket;
 };
 
 // One start call, waiting for the submitting thread.
@@ -79,7 +102,7 @@ void Prepare(io_uring_sqe* sqe, const Request& r) {
     case OpCode::kPoll:
       io_uring_prep_poll_add(sqe, r.fd, static_cast<unsigned short>(r.events));
       break;
-    case OpCode::kPost:
+    case OpCode::kPost:  // never reaches the ring
       io_uring_prep_nop(sqe);
       break;
     case OpCode::kCancelAll:
@@ -90,7 +113,7 @@ void Prepare(io_uring_sqe* sqe, const Request& r) {
 }
 
 // The byte count of a successful operation.
-ACE_UINT32 BytesOf(OpCode code, int result) {
+ACE_UINT32 BytesOf(OpCode code, ACE_INT64 result) {
   switch (code) {
     case OpCode::kRead:
     case OpCode::kWrite:
@@ -125,60 +148,129 @@ const char* CompletionPortReactorException::what() const noexcept {
 
 struct CompletionPort::Impl {
   io_uring ring;
+  // Signalled by the ring for every completion it posts, and by whoever
+  // queues a packet of the port's own while the listener sleeps on it.
+  int event = -1;
 
-  // Guards keys, pending, idle and quit.
+  // Guards keys, pending, ready, idle and quit.
   std::mutex mu;
   std::condition_variable wake;
-  std::unordered_map<int, unsigned long> keys;
+  std::unordered_map<int, Entry> keys;
   std::vector<Request> pending;
+  std::deque<Ready> ready;
   bool idle = false;  // the submitter sleeps (or is about to) on `wake`
   bool quit = false;
   std::thread submitter;
 
+  // The listener is about to block, or blocks, reading `event`.
+  std::atomic<bool> sleeping{false};
+
   // Bumped (release) by the submitter before each submission and read
-  // (acquire) by listen() after each completion: the kernel orders a
+  // (acquire) by the reaper after each completion: the kernel orders a
   // completion after its submission, and this makes that order visible to
   // the thread sanitizer as well.
   std::atomic<unsigned long> submissions{0};
-  // Operations queued and not yet returned by the ring.
+  // Operations queued for the ring and not yet returned by it.
   std::atomic<long> inflight{0};
 
   std::mutex listenMu;  // one listener at a time
+  // The thread that last entered listen().
+  std::atomic<std::thread::id> listener{};
+  // Packets taken from `ready` by the listener, in order.
+  std::deque<Ready> taken;
   std::atomic<int> status{1};
   std::atomic<Overlapped*> lastOv{nullptr};
   std::atomic<ACE_UINT32> lastBytes{0};
 
-  int Enqueue(Request r, ACE_HANDLE handle, bool lookup);
+  int Start(OpCode code, ACE_HANDLE handle, void* buffer, ACE_UINT32 length,
+            short events, Overlapped* ov);
+  int Submit(const Request& r);
+  int Finish(const Ready& r);
   void Run();
   void Queue(const Request& r);
   void Flush();
   // Takes one completion off the ring; false when there was none.
   bool Reap(io_uring_cqe* cqe, Op** op, int* result);
+  bool TakeCompletion(Ready* out);
+  bool TakeReady(Ready* out);
+  // Wakes the submitter for requests the listener left waiting.
+  void HandOver();
+  void Next(Ready* out);
 };
 
-int CompletionPort::Impl::Enqueue(Request r, ACE_HANDLE handle, bool lookup) {
+int CompletionPort::Impl::Start(OpCode code, ACE_HANDLE handle, void* buffer,
+                                ACE_UINT32 length, short events,
+                                Overlapped* ov) {
+  if (ov == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  Entry e;
+  {
+    std::lock_guard<std::mutex> g(mu);
+    auto it = keys.find(handle);
+    if (it == keys.end()) {
+      errno = EBADF;
+      return -1;
+    }
+    e = it->second;
+  }
+  if (e.socket && (code == OpCode::kRecv || code == OpCode::kSend)) {
+    // Try it at once, as a plain call that never waits: when the socket
+    // has data (or room) the packet is ready without a trip through the
+    // ring and its thread. Only a socket that would block goes to the ring.
+    ssize_t n = code == OpCode::kRecv
+                    ? recv(handle, buffer, length, MSG_DONTWAIT)
+                    : send(handle, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK))
+      return Finish(Ready{e.key, ov, code, n >= 0 ? n : -errno, 0});
+  }
+  Op* op = new (std::nothrow) Op{e.key, ov, code};
+  if (op == nullptr) {
+    errno = ENOMEM;
+    return -1;
+  }
+  return Submit(Request{code, handle, buffer, length, events, ov->offset, op});
+}
+
+int CompletionPort::Impl::Submit(const Request& r) {
   bool notify = false;
   try {
     std::lock_guard<std::mutex> g(mu);
-    if (lookup) {
-      auto it = keys.find(handle);
-      if (it == keys.end()) {
-        delete r.op;
-        errno = EBADF;
-        return -1;
-      }
-      r.op->key = it->second;
-    }
     pending.push_back(r);
     inflight.fetch_add(1, std::memory_order_relaxed);
-    notify = idle;
-    idle = false;
+    // The listening thread (a handler, typically) will soon look for
+    // completions again: its requests wait for that moment, or for a
+    // batch to fill, and go to the submitter together.
+    notify = idle && (listener.load(std::memory_order_relaxed) !=
+                          std::this_thread::get_id() ||
+                      pending.size() >= kListenerBatch);
+    if (notify) idle = false;
   } catch (const std::bad_alloc&) {
     delete r.op;
     errno = ENOMEM;
     return -1;
   }
   if (notify) wake.notify_one();
+  return 0;
+}
+
+int CompletionPort::Impl::Finish(const Ready& r) {
+  try {
+    std::lock_guard<std::mutex> g(mu);
+    ready.push_back(r);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
+  // Pairs with the listener's store before its last look (both seq_cst):
+  // either it sees the packet or this sees it sleeping. The first to see
+  // it wakes it.
+  if (sleeping.exchange(false)) {
+    const uint64_t one = 1;
+    ssize_t n = write(event, &one, sizeof one);
+    (void)n;  // a full counter already wakes the listener
+  }
   return 0;
 }
 
@@ -248,6 +340,65 @@ bool CompletionPort::Impl::Reap(io_uring_cqe* cqe, Op** op, int* result) {
   return true;
 }
 
+bool CompletionPort::Impl::TakeCompletion(Ready* out) {
+  io_uring_cqe* cqe = nullptr;
+  while (io_uring_peek_cqe(&ring, &cqe) == 0) {
+    Op* op = nullptr;
+    int result = 0;
+    if (!Reap(cqe, &op, &result)) continue;
+    *out = Ready{op->key, op->ov, op->code, result, 0};
+    delete op;
+    return true;
+  }
+  return false;
+}
+
+bool CompletionPort::Impl::TakeReady(Ready* out) {
+  if (taken.empty()) {
+    std::lock_guard<std::mutex> g(mu);
+    taken.swap(ready);
+  }
+  if (taken.empty()) return false;
+  *out = taken.front();
+  taken.pop_front();
+  return true;
+}
+
+void CompletionPort::Impl::HandOver() {
+  bool notify = false;
+  {
+    std::lock_guard<std::mutex> g(mu);
+    notify = idle && !pending.empty();
+    if (notify) idle = false;
+  }
+  if (notify) wake.notify_one();
+}
+
+void CompletionPort::Impl::Next(Ready* out) {
+  for (;;) {
+    if (TakeCompletion(out) || TakeReady(out)) return;
+    HandOver();
+    sleeping.store(true);
+    io_uring_cqe* cqe = nullptr;
+    bool any = io_uring_peek_cqe(&ring, &cqe) == 0;
+    if (!any) {
+      std::lock_guard<std::mutex> g(mu);
+      any = !ready.empty();
+    }
+    if (!any) {
+      uint64_t count = 0;
+      if (read(event, &count, sizeof count) < 0 && errno != EINTR) {
+        status.store(0, std::memory_order_relaxed);
+        COM_LOG((LM_ERROR,
+                 "CompletionPort::listen(): GetQueuedCompletionStatus "
+                 "returned false. Error Code: %u\n",
+                 static_cast<unsigned>(errno)));
+      }
+    }
+    sleeping.store(false, std::memory_order_relaxed);
+  }
+}
+
 CompletionPort::CompletionPort(unsigned ringEntries) : impl_(new Impl) {
   io_uring_params params = {};
   params.flags =
@@ -261,10 +412,19 @@ CompletionPort::CompletionPort(unsigned ringEntries) : impl_(new Impl) {
     errno = -rc;
     throw CompletionPortException(kCreateError);
   }
+  impl_->event = eventfd(0, EFD_CLOEXEC);
+  if (impl_->event < 0 ||
+      io_uring_register_eventfd(&impl_->ring, impl_->event) < 0) {
+    if (impl_->event >= 0) close(impl_->event);
+    io_uring_queue_exit(&impl_->ring);
+    delete impl_;
+    throw CompletionPortException(kCreateError);
+  }
   try {
     impl_->submitter = std::thread([this] { impl_->Run(); });
   } catch (const std::system_error&) {
     io_uring_queue_exit(&impl_->ring);
+    close(impl_->event);
     delete impl_;
     throw CompletionPortException(kCreateError);
   }
@@ -306,72 +466,57 @@ CompletionPort::~CompletionPort() {
     if (d.Reap(cqe, &op, &result)) delete op;
   }
   io_uring_queue_exit(&d.ring);
+  close(d.event);
   delete impl_;
 }
 
 void CompletionPort::registerHandle(ACE_HANDLE handle, unsigned long key) {
-  if (handle == ACE_INVALID_HANDLE || fcntl(handle, F_GETFD) < 0) {
-    if (handle == ACE_INVALID_HANDLE) errno = EBADF;
+  struct stat st;
+  if (fstat(handle, &st) != 0) {
     COM_LOG((LM_CRITICAL,
              "CompletionPort::registerHandle: Problem registering completion "
              "port handle: OS Error %m.\n"));
     throw CompletionPortException(kRegisterError);
   }
   std::lock_guard<std::mutex> g(impl_->mu);
-  impl_->keys[handle] = key;
+  impl_->keys[handle] = Entry{key, S_ISSOCK(st.st_mode)};
 }
 
 unsigned long CompletionPort::listen() {
   Impl& d = *impl_;
   std::lock_guard<std::mutex> g(d.listenMu);
+  d.listener.store(std::this_thread::get_id(), std::memory_order_relaxed);
   for (;;) {
     d.lastBytes.store(0, std::memory_order_relaxed);
     d.lastOv.store(nullptr, std::memory_order_relaxed);
-    io_uring_cqe* cqe = nullptr;
-    int rc = io_uring_wait_cqe(&d.ring, &cqe);
-    if (rc < 0) {
-      if (rc == -EINTR) continue;
-      d.status.store(0, std::memory_order_relaxed);
-      errno = -rc;
-      COM_LOG((LM_ERROR,
-               "CompletionPort::listen(): GetQueuedCompletionStatus returned "
-               "false. Error Code: %u\n",
-               static_cast<unsigned>(-rc)));
-      continue;
-    }
-    Op* op = nullptr;
-    int result = 0;
-    if (!d.Reap(cqe, &op, &result)) continue;
-    const unsigned long key = op->key;
-    Overlapped* const ov = op->ov;
-    const OpCode code = op->code;
-    const ACE_UINT32 posted = op->bytes;
-    delete op;
-
-    if (code == OpCode::kPost) {
+    Ready c;
+    d.Next(&c);
+    if (c.code == OpCode::kPost) {
       d.status.store(1, std::memory_order_relaxed);
-      if (ov == nullptr) continue;
-      d.lastBytes.store(posted, std::memory_order_relaxed);
-      d.lastOv.store(ov, std::memory_order_relaxed);
-      return key;
+      if (c.ov == nullptr) continue;
+      d.lastBytes.store(c.bytes, std::memory_order_relaxed);
+      d.lastOv.store(c.ov, std::memory_order_relaxed);
+      return c.key;
     }
-    ov->result = result;
-    if (result >= 0) {
+    c.ov->result = c.result;
+    if (c.result >= 0) {
       d.status.store(1, std::memory_order_relaxed);
-      d.lastBytes.store(BytesOf(code, result), std::memory_order_relaxed);
+      d.lastBytes.store(BytesOf(c.code, c.result), std::memory_order_relaxed);
     } else {
       d.status.store(0, std::memory_order_relaxed);
-      errno = -result;
+      errno = static_cast<int>(-c.result);
       COM_LOG((LM_ERROR,
                "CompletionPort::listen(): GetQueuedCompletionStatus returned "
                "false. Error Code: %u\n",
-               static_cast<unsigned>(-result)));
-      errno = -result;
+               static_cast<unsigned>(-c.result)));
+      errno = static_cast<int>(-c.result);
     }
-    d.lastOv.store(ov, std::memory_order_relaxed);
-    return key;
+    d.lastOv.store(c.ov, std::memory_order_relaxed);
+    return c.key;
   }
 }
+
+void CompletionPort::handOverStarts() { impl_->HandOver(); }
 
 int CompletionPort::GetAsyncIOStatus() {
   return impl_->status.load(std::memory_order_relaxed);
@@ -379,80 +524,38 @@ int CompletionPort::GetAsyncIOStatus() {
 
 ACE_HANDLE CompletionPort::getHandle() const { return impl_->ring.ring_fd; }
 
-namespace {
-
-// A start call's request, with its Op; null when out of memory.
-bool MakeRequest(Request* r, OpCode code, ACE_HANDLE fd, void* buffer,
-                 ACE_UINT32 length, short events,
-                 CompletionPort::Overlapped* ov) {
-  if (ov == nullptr) {
-    errno = EINVAL;
-    return false;
-  }
-  Op* op = new (std::nothrow) Op{0, ov, 0, code};
-  if (op == nullptr) {
-    errno = ENOMEM;
-    return false;
-  }
-  *r = Request{code, fd, buffer, length, events, ov->offset, op};
-  return true;
-}
-
-}  // namespace
-
 int CompletionPort::startRead(ACE_HANDLE handle, void* buffer,
                               ACE_UINT32 length, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kRead, handle, buffer, length, 0, ov)) return -1;
-  return impl_->Enqueue(r, handle, true);
+  return impl_->Start(OpCode::kRead, handle, buffer, length, 0, ov);
 }
 
 int CompletionPort::startWrite(ACE_HANDLE handle, const void* buffer,
                                ACE_UINT32 length, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kWrite, handle, const_cast<void*>(buffer),
-                   length, 0, ov))
-    return -1;
-  return impl_->Enqueue(r, handle, true);
+  return impl_->Start(OpCode::kWrite, handle, const_cast<void*>(buffer), length,
+                      0, ov);
 }
 
 int CompletionPort::startRecv(ACE_HANDLE handle, void* buffer,
                               ACE_UINT32 length, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kRecv, handle, buffer, length, 0, ov)) return -1;
-  return impl_->Enqueue(r, handle, true);
+  return impl_->Start(OpCode::kRecv, handle, buffer, length, 0, ov);
 }
 
 int CompletionPort::startSend(ACE_HANDLE handle, const void* buffer,
                               ACE_UINT32 length, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kSend, handle, const_cast<void*>(buffer), length,
-                   0, ov))
-    return -1;
-  return impl_->Enqueue(r, handle, true);
+  return impl_->Start(OpCode::kSend, handle, const_cast<void*>(buffer), length,
+                      0, ov);
 }
 
 int CompletionPort::startAccept(ACE_HANDLE listener, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kAccept, listener, nullptr, 0, 0, ov)) return -1;
-  return impl_->Enqueue(r, listener, true);
+  return impl_->Start(OpCode::kAccept, listener, nullptr, 0, 0, ov);
 }
 
 int CompletionPort::startPoll(ACE_HANDLE handle, short events, Overlapped* ov) {
-  Request r;
-  if (!MakeRequest(&r, OpCode::kPoll, handle, nullptr, 0, events, ov))
-    return -1;
-  return impl_->Enqueue(r, handle, true);
+  return impl_->Start(OpCode::kPoll, handle, nullptr, 0, events, ov);
 }
 
 int CompletionPort::post(unsigned long key, ACE_UINT32 bytes, Overlapped* ov) {
-  Op* op = new (std::nothrow) Op{key, ov, bytes, OpCode::kPost};
-  if (op == nullptr) {
-    errno = ENOMEM;
-    return -1;
-  }
-  Request r = {OpCode::kPost, -1, nullptr, 0, 0, 0, op};
-  return impl_->Enqueue(r, ACE_INVALID_HANDLE, false);
+  return impl_->Finish(Ready{key, ov, OpCode::kPost, 0, bytes});
 }
 
 CompletionPort::Overlapped* CompletionPort::lastOverlapped() const {
@@ -503,6 +606,12 @@ void CompletionPortReactor::handleEvents() {
   started_.wait();
   if (!active_.load()) return;
   ACE_Guard<ACE_Recursive_Thread_Mutex> g(lock_);
+  // Whatever the call-backs started last is issued even if nobody listens
+  // again.
+  struct HandOver {
+    CompletionPortReactor* reactor;
+    ~HandOver() { reactor->handOverStarts(); }
+  } handOver{this};
   try {
     for (auto& entry : handlers_) dispatchEvent(entry.second);
     for (;;) {

@@ -16,6 +16,23 @@
 // So an operation started from a short-lived thread still completes, and a
 // thread that starts operations keeps its own blocking calls undisturbed.
 //
+// Three shortcuts keep thread hand-offs (which cost more than the
+// operations on a busy machine) off the common paths:
+//  - a receive or send on a socket is first tried at once as a plain call
+//    that does not wait (MSG_DONTWAIT); when it finishes (with data, room
+//    or an error) its packet goes to a queue the port keeps beside the
+//    ring, and only a socket that would block goes to the ring;
+//  - post() puts its packet on that same queue, never into the ring;
+//  - operations started on the thread that last entered listen() (the
+//    reactor's call-backs) are handed to the submitting thread together
+//    when that thread looks for completions again (or 32 have gathered);
+//    handleEvents() hands over what is left when it returns. A thread that
+//    listens, starts an operation and then never listens again leaves it
+//    waiting for the next listen() on the port.
+// listen() takes completions from the ring first, then from the queue (in
+// the order they were queued), so packets of the two sources may come back
+// in another order than they finished.
+//
 // CompletionPortReactor maps each registered descriptor to an
 // ACE_Event_Handler under keys 1, 2, 3, ... (never reused) and, in
 // handleEvents(), calls handle_input(handle) for every successful
@@ -143,7 +160,7 @@ class COM_EXPORT CompletionPort {
   // The ring's descriptor.
   ACE_HANDLE getHandle() const;
 
-  // Start calls. Each returns 0 once the operation is queued for the ring
+  // Start calls. Each returns 0 once the operation is under way or done
   // (its outcome, success or failure, then arrives as a packet through
   // listen()), or -1 with errno: EBADF for a handle never registered with
   // this port, EINVAL for a null record, ENOMEM. A descriptor closed after
@@ -178,6 +195,11 @@ class COM_EXPORT CompletionPort {
   // (null and 0 before the first).
   Overlapped* lastOverlapped() const;
   ACE_UINT32 lastBytes() const;
+
+ protected:
+  // Hands the operations that the listening thread started, and that wait
+  // for it to look for completions again, to the submitting thread now.
+  void handOverStarts();
 
  private:
   struct Impl;

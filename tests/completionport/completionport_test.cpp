@@ -365,32 +365,91 @@ TEST(CompletionPort, PostedPacketsKeepKeyBytesAndRecordInOrder) {
   EXPECT_EQ(1u, port.lastBytes());
 }
 
-// More packets than the ring holds, posted from eight threads before
-// anyone listens: the submission and completion queues both fill, and every
-// packet still arrives exactly once.
-TEST(CompletionPort, FullRingsLoseNoPacket) {
+// More operations than the ring holds, started from eight threads before
+// anyone listens, with posted packets in between: the submission and
+// completion queues both fill, and every packet still arrives exactly once,
+// each read with its own bytes.
+TEST(CompletionPort, FullRingsLoseNothing) {
+  testsupport::TempFolder dir;
+  const std::string content = testsupport::RandomBytes(1 << 16, 3);
+  int fd = open(dir.Write("f", content).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
   CompletionPort port(2);
-  const int kThreads = 8, kEach = 500;
+  port.registerHandle(fd, 100);
+  const int kThreads = 8, kEach = 300;
   std::vector<Overlapped> records(kThreads * kEach);
+  std::vector<std::string> buffers(records.size(), std::string(8, '\0'));
   std::vector<std::thread> threads;
   std::atomic<int> failures{0};
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i)
-        if (port.post(t + 1, i, &records[t * kEach + i]) != 0) ++failures;
+      for (int i = 0; i < kEach; ++i) {
+        size_t n = static_cast<size_t>(t * kEach + i);
+        int rc;
+        if (i % 3 == 0) {
+          rc = port.post(t + 1, i, &records[n]);
+        } else {
+          records[n].offset = n * 8;
+          rc = port.startRead(fd, &buffers[n][0], 8, &records[n]);
+        }
+        if (rc != 0) ++failures;
+      }
     });
   for (auto& th : threads) th.join();
   EXPECT_EQ(0, failures.load());
   std::vector<int> seen(records.size());
-  for (size_t n = 0; n < records.size(); ++n) {
+  for (size_t k = 0; k < records.size(); ++k) {
     unsigned long key = port.listen();
-    size_t index = static_cast<size_t>(port.lastOverlapped() - &records[0]);
-    ASSERT_LT(index, records.size());
-    EXPECT_EQ(index / kEach + 1, key);
-    EXPECT_EQ(index % kEach, port.lastBytes());
-    ++seen[index];
+    size_t n = static_cast<size_t>(port.lastOverlapped() - &records[0]);
+    ASSERT_LT(n, records.size());
+    ++seen[n];
+    if (n % kEach % 3 == 0) {
+      EXPECT_EQ(n / kEach + 1, key);
+      EXPECT_EQ(n % kEach, port.lastBytes());
+    } else {
+      EXPECT_EQ(100ul, key);
+      EXPECT_EQ(8u, port.lastBytes());
+      EXPECT_EQ(content.substr(n * 8, 8), buffers[n]) << n;
+    }
   }
-  for (size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(1, seen[i]) << i;
+  for (size_t n = 0; n < seen.size(); ++n) ASSERT_EQ(1, seen[n]) << n;
+  close(fd);
+}
+
+// Socket receives and sends are tried at once; what finishes there still
+// arrives as a packet, failures included.
+TEST(CompletionPort, SocketOperationsThatFinishAtOnce) {
+  CompletionPort port;
+  struct Row {
+    const char* what;
+    std::function<void(int peer)> before;  // done to the peer first
+    bool send;
+    ACE_INT64 result;
+  } rows[] = {
+      {"receive of data already there",
+       [](int peer) { ASSERT_EQ(3, send(peer, "xyz", 3, 0)); }, false, 3},
+      {"receive after the peer's shutdown",
+       [](int peer) { shutdown(peer, SHUT_WR); }, false, 0},
+      {"send with room", [](int) {}, true, 5},
+      {"send to a closed peer", [](int peer) { close(peer); }, true, -EPIPE},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.what);
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv));
+    port.registerHandle(sv[0], 4);
+    r.before(sv[1]);
+    char buf[8] = "hello";
+    Overlapped ov;
+    ASSERT_EQ(0, r.send ? port.startSend(sv[0], buf, 5, &ov)
+                        : port.startRecv(sv[0], buf, 8, &ov));
+    EXPECT_EQ(4ul, port.listen());
+    EXPECT_EQ(&ov, port.lastOverlapped());
+    EXPECT_EQ(r.result, ov.result);
+    EXPECT_EQ(r.result >= 0 ? 1 : 0, port.GetAsyncIOStatus());
+    close(sv[0]);
+    if (r.result != -EPIPE) close(sv[1]);
+  }
 }
 
 // The kernel cancels io_uring requests of a thread that exits; the port's
@@ -679,6 +738,33 @@ TEST(CompletionPortReactor, ReadOfADescriptorClosedBehindItsBackFails) {
   EXPECT_EQ(&ov, h.exceptions[0].second);
   EXPECT_EQ(-EBADF, ov.result);
   close(p[1]);
+}
+
+// A write started by a call-back that then stops the reactor is carried out
+// although nobody listens afterwards.
+TEST(CompletionPortReactor, LastStartedOperationIsIssuedAfterTheLoopEnds) {
+  testsupport::TempFolder dir;
+  std::string path = dir.Write("out", "");
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  CompletionPortReactor reactor;
+  Recorder h(reactor);
+  Overlapped ov;
+  Overlapped wakeUp;
+  h.onInput = [&](Overlapped* o) {
+    if (o == nullptr) {  // priming: come back from inside the loop
+      reactor.post(1, 0, &wakeUp);
+      return;
+    }
+    EXPECT_EQ(0, reactor.startWrite(fd, "last words", 10, &ov));
+    reactor.stop();
+  };
+  reactor.registerHandler(fd, &h);
+  reactor.start();
+  reactor.handleEvents();
+  EXPECT_TRUE(WaitFor(
+      [&] { return testsupport::TempFolder::Read(path) == "last words"; }));
+  EXPECT_EQ(1ul, reactor.listen());  // its packet waits in the port
+  close(fd);
 }
 
 // An echo server on loopback: one handler accepts, receives and sends back.
