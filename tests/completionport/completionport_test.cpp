@@ -521,6 +521,56 @@ TEST(CompletionPort, PollReportsReadiness) {
   close(fd);
 }
 
+// One thread sits in listen() while four others register descriptors and
+// start reads, polls and posts on them.
+TEST(CompletionPort, CallsFromOtherThreadsWhileOneListens) {
+  testsupport::TempFolder dir;
+  const std::string content = testsupport::RandomBytes(4096, 9);
+  const std::string path = dir.Write("f", content);
+  CompletionPort port(16);
+  const int kThreads = 4, kRounds = 200;
+  std::atomic<int> wrong{0};
+  std::atomic<int> done[kThreads] = {};  // packets back, per thread
+  std::thread listener([&] {
+    for (int n = 0; n < kThreads * kRounds * 3; ++n) {
+      unsigned long key = port.listen();
+      if (port.lastOverlapped() == nullptr || port.GetAsyncIOStatus() != 1 ||
+          key < 10 || key % 10 >= kThreads)
+        ++wrong;
+      else
+        ++done[key % 10];
+    }
+  });
+  std::vector<std::thread> starters;
+  for (int t = 0; t < kThreads; ++t)
+    starters.emplace_back([&, t] {
+      int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      int ev = eventfd(1, EFD_CLOEXEC);  // always readable
+      port.registerHandle(file, 10 + t);
+      port.registerHandle(ev, 20 + t);
+      std::vector<Overlapped> ovs(3 * kRounds);
+      std::vector<std::string> bufs(kRounds, std::string(16, '\0'));
+      for (int i = 0; i < kRounds; ++i) {
+        ovs[3 * i].offset = static_cast<ACE_UINT64>(i) * 16;
+        if (port.startRead(file, &bufs[i][0], 16, &ovs[3 * i]) != 0 ||
+            port.startPoll(ev, POLLIN, &ovs[3 * i + 1]) != 0 ||
+            port.post(30 + t, 1, &ovs[3 * i + 2]) != 0)
+          ++wrong;
+      }
+      // The records live until all of this thread's packets are back.
+      if (!WaitFor([&] { return done[t] == 3 * kRounds; })) ++wrong;
+      for (int i = 0; i < kRounds; ++i)
+        if (ovs[3 * i].result != 16 || !(ovs[3 * i + 1].result & POLLIN) ||
+            bufs[i] != content.substr(static_cast<size_t>(i) * 16, 16))
+          ++wrong;
+      close(file);
+      close(ev);
+    });
+  for (auto& s : starters) s.join();
+  listener.join();
+  EXPECT_EQ(0, wrong.load());
+}
+
 // ------------------------------------------------------------ the reactor
 
 // Records what the reactor hands it; `onInput` runs after recording.
@@ -606,6 +656,44 @@ TEST(CompletionPortReactor, KeysPrimingUnknownKeysAndLateRegistration) {
                        "unknown completion key: " +
                            std::to_string(key) + ".\n"))
         << key;
+}
+
+// A port failure inside a call-back leaves the loop as a reactor exception
+// and releases the reactor's lock.
+TEST(CompletionPortReactor, PortFailureInACallBackLeavesTheLoop) {
+  CompletionPortReactor reactor;
+  Fds fds(1);
+  Recorder h(reactor);
+  h.onInput = [&](Overlapped*) {
+    reactor.registerHandle(ACE_INVALID_HANDLE, 5);  // throws
+  };
+  reactor.registerHandler(fds.fds[0], &h);
+  reactor.start();
+  LogCapture log;
+  try {
+    reactor.handleEvents();
+    ADD_FAILURE() << "no exception";
+  } catch (const CompletionPortReactorException& e) {
+    EXPECT_STREQ("Completion port error", e.what());
+  }
+  EXPECT_TRUE(Logged(log, LM_CRITICAL,
+                     "CompletionPortReactor::handleEvents: "
+                     "CompletionPortException: CompletionPort::"
+                     "registerHandler error\n"));
+  reactor.stop();
+  // Another thread can take the lock again: registration gets as far as
+  // the descriptor check.
+  auto other = std::async(std::launch::async, [&] {
+    try {
+      reactor.registerHandler(ACE_INVALID_HANDLE, &h);
+    } catch (const CompletionPortReactorException& e) {
+      return std::string(e.what());
+    }
+    return std::string();
+  });
+  ASSERT_EQ(std::future_status::ready,
+            other.wait_for(std::chrono::seconds(10)));
+  EXPECT_EQ("Unable to add transport", other.get());
 }
 
 TEST(CompletionPortReactor, RefusedDescriptorDoesNotUseUpAKey) {
