@@ -403,7 +403,9 @@ CompletionPort::CompletionPort(unsigned ringEntries) : impl_(new Impl) {
   io_uring_params params = {};
   params.flags =
       IORING_SETUP_CQSIZE | IORING_SETUP_CLAMP | IORING_SETUP_SUBMIT_ALL;
-  params.cq_entries = ringEntries * 4;
+  // Four completions per submission slot; the kernel clamps both sizes to
+  // its maximum.
+  params.cq_entries = ringEntries > (1u << 29) ? (1u << 31) : ringEntries * 4;
   int rc = ringEntries == 0
                ? -EINVAL
                : io_uring_queue_init_params(ringEntries, &impl_->ring, &params);

@@ -127,9 +127,9 @@ class COM_EXPORT CompletionPort {
   static const unsigned kDefaultRingEntries = 256;
 
   // Creates the port (its ring and its submitting thread). `ringEntries`
-  // is rounded up to a power of two by the kernel; 0, or a size the kernel
-  // refuses, throws CompletionPortException("Error creating IO completion
-  // port").
+  // is rounded up to a power of two and held to the kernel's maximum
+  // (32768). 0, or a ring the kernel cannot give, throws
+  // CompletionPortException("Error creating IO completion port").
   explicit CompletionPort(unsigned ringEntries = kDefaultRingEntries);
   // Cancels the operations still running and waits (up to a few seconds)
   // for the kernel to give them back; buffers of operations still running
