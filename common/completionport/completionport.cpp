@@ -80,6 +80,7 @@ struct Request {
   short events;
   ACE_UINT64 offset;
   Op* op;
+  bool pollFirst;  // a socket that would have blocked just now
 };
 
 void Prepare(io_uring_sqe* sqe, const Request& r) {
@@ -92,9 +93,13 @@ void Prepare(io_uring_sqe* sqe, const Request& r) {
       break;
     case OpCode::kRecv:
       io_uring_prep_recv(sqe, r.fd, r.buffer, r.length, 0);
+      // The start call found the socket empty (or full) a moment ago: wait
+      // for it rather than try again.
+      if (r.pollFirst) sqe->ioprio |= IORING_RECVSEND_POLL_FIRST;
       break;
     case OpCode::kSend:
       io_uring_prep_send(sqe, r.fd, r.buffer, r.length, MSG_NOSIGNAL);
+      if (r.pollFirst) sqe->ioprio |= IORING_RECVSEND_POLL_FIRST;
       break;
     case OpCode::kAccept:
       io_uring_prep_accept(sqe, r.fd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -215,7 +220,9 @@ int CompletionPort::Impl::Start(OpCode code, ACE_HANDLE handle, void* buffer,
     }
     e = it->second;
   }
-  if (e.socket && (code == OpCode::kRecv || code == OpCode::kSend)) {
+  const bool tried =
+      e.socket && (code == OpCode::kRecv || code == OpCode::kSend);
+  if (tried) {
     // Try it at once, as a plain call that never waits: when the socket
     // has data (or room) the packet is ready without a trip through the
     // ring and its thread. Only a socket that would block goes to the ring.
@@ -230,7 +237,8 @@ int CompletionPort::Impl::Start(OpCode code, ACE_HANDLE handle, void* buffer,
     errno = ENOMEM;
     return -1;
   }
-  return Submit(Request{code, handle, buffer, length, events, ov->offset, op});
+  return Submit(
+      Request{code, handle, buffer, length, events, ov->offset, op, tried});
 }
 
 int CompletionPort::Impl::Submit(const Request& r) {
@@ -435,7 +443,7 @@ CompletionPort::CompletionPort(unsigned ringEntries) : impl_(new Impl) {
 CompletionPort::~CompletionPort() {
   Impl& d = *impl_;
   if (d.inflight.load() > 0) {
-    Request cancel = {OpCode::kCancelAll, -1, nullptr, 0, 0, 0, nullptr};
+    Request cancel = {OpCode::kCancelAll, -1, nullptr, 0, 0, 0, nullptr, false};
     {
       std::lock_guard<std::mutex> g(d.mu);
       d.pending.push_back(cancel);
