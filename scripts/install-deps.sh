@@ -12,7 +12,7 @@ PACKAGES=(
   liburing-dev libblkid-dev libmount-dev libsystemd-dev libdw-dev
   libboost-dev hyperfine
   libdcmtk-dev libpoco-dev libgdcm-dev python3-pydicom
-  util-linux e2fsprogs iproute2 dbus python3-dbusmock
+  util-linux e2fsprogs dosfstools iproute2 dbus python3-dbusmock
   tzdata
 )
 
