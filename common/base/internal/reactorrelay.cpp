@@ -36,16 +36,18 @@ int ReactorRelay::WatchEvent(ACE_Event_Handler* target, void* eventHandle) {
   eventFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (eventFd_ < 0) return -1;
   handle_ = eventFd_;
+  // Everything the reactor's thread reads is set before it can dispatch.
+  target_ = target;
   if (ACE_Reactor::instance()->register_handler(
           this, ACE_Event_Handler::READ_MASK) != 0) {
     int saved = errno;
     ::close(eventFd_);
     eventFd_ = -1;
     handle_ = ACE_INVALID_HANDLE;
+    target_ = nullptr;
     errno = saved;
     return -1;
   }
-  target_ = target;
   stopping_.store(false);
   waiterEvent_ = eventHandle;
   waiter_ = std::thread(&ReactorRelay::WaitLoop, this, eventHandle);

@@ -58,7 +58,7 @@ class COM_EXPORT ReactorRelay : public ACE_Event_Handler {
 
   void WaitLoop(void* eventHandle);
 
-  ACE_Event_Handler* target_;
+  std::atomic<ACE_Event_Handler*> target_;
   ACE_HANDLE handle_;  // registered with the reactor
   int eventFd_;        // owned, only for an event source
   void* waiterEvent_;  // the event the waiting thread sleeps on
