@@ -15,11 +15,12 @@ namespace {
 // A service's main loop ended by another process of the installation: the
 // child plays the operator's stop tool.
 void StopEvent() {
+  std::fflush(stdout);  // the child must not print the parent's buffer
   pid_t child = ::fork();
   if (child == 0) {
     ::usleep(300 * 1000);  // let the service get into its loop
     Common::NamedEvent stop("Global\\KelvaneAllStop");
-    std::printf("child %d:          signals Global\\KelvaneAllStop\n",
+    std::printf("child %d:   signals Global\\KelvaneAllStop\n",
                 static_cast<int>(::getpid()));
     std::fflush(stdout);
     ::_exit(stop.signal() == 0 ? 0 : 1);
@@ -29,11 +30,11 @@ void StopEvent() {
   {
     // A restart after 10 s keeps the demo from hanging if the child fails.
     ShutDownEvent service(ACE_Time_Value(10), 0);
-    std::printf("service %d:        running its reactor loop\n",
+    std::printf("service %d: running its reactor loop\n",
                 static_cast<int>(::getpid()));
     std::fflush(stdout);
     ACE_Reactor::instance()->run_reactor_event_loop();
-    std::printf("service:            reactor loop ended (%s)\n",
+    std::printf("service:       reactor loop ended (%s)\n",
                 service.isAutomatedShutdown() ? "restart timer" : "stop event");
     service.ShutDown();
     Common::NamedEvent stop("Global\\KelvaneAllStop");
