@@ -4,7 +4,8 @@
 // the floor of the same exchange over a pair of FIFOs (one byte each way)
 // and a pair of eventfds. Each run makes a fixed 10,000 round trips and
 // reports the median ("median_ns") and 99th percentile ("p99_ns") of one
-// round trip as counters; the reported time is the median. Also the cost of
+// round trip as counters (the reported time is the mean, which the loaded
+// machine's stragglers skew; compare the medians). Also the cost of
 // signal + reset in one process.
 #include <algorithm>
 #include <atomic>

@@ -88,15 +88,17 @@ void ReactorRelay::Stop() {
 }
 
 void ReactorRelay::WaitLoop(void* eventHandle) {
-  auto* event = static_cast<Common::internal::SharedEvent*>(eventHandle);
+  using Common::internal::SharedEvent;
+  auto* event = static_cast<SharedEvent*>(eventHandle);
   const uint64_t one = 1;
   uint32_t seen = event->State();
-  if (seen & 1) (void)!::write(eventFd_, &one, sizeof one);
+  if (SharedEvent::Signaled(seen)) (void)!::write(eventFd_, &one, sizeof one);
   while (!stopping_.load()) {
     uint32_t now = event->WaitForChange(seen, kStopCheckMs);
     // A new generation is a signal or a pulse, even one already undone by
     // a reset.
-    if ((now >> 1) != (seen >> 1)) (void)!::write(eventFd_, &one, sizeof one);
+    if (SharedEvent::Generation(now) != SharedEvent::Generation(seen))
+      (void)!::write(eventFd_, &one, sizeof one);
     seen = now;
   }
 }

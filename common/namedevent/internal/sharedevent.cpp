@@ -21,7 +21,12 @@ constexpr char kFilePrefix[] = "com-event.";
 constexpr mode_t kOpenToAll = 0666;
 constexpr uint32_t kMagic = 0x4b455631;  // "KEV1"
 constexpr uint32_t kSignaled = 1;
-constexpr uint32_t kGeneration = 2;  // one step of the generation counter
+// Set by a process before it sleeps on the word; the next signal or pulse
+// clears it and makes the wake call, so that signalling with nobody asleep
+// stays a single atomic update. A sleeper that dies leaves it set, which
+// costs one needless wake.
+constexpr uint32_t kSleepers = 2;
+constexpr uint32_t kGeneration = 4;  // one step of the generation counter
 
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t),
               "the futex word must be a plain 32-bit word");
@@ -217,9 +222,10 @@ int SharedEvent::Signal() {
   uint32_t v = data_->word.load(std::memory_order_acquire);
   do {
     if (v & kSignaled) return 0;
-  } while (!data_->word.compare_exchange_weak(v, (v + kGeneration) | kSignaled,
-                                              std::memory_order_acq_rel));
-  FutexWakeAll(&data_->word);
+  } while (!data_->word.compare_exchange_weak(
+      v, ((v + kGeneration) | kSignaled) & ~kSleepers,
+      std::memory_order_acq_rel));
+  if (v & kSleepers) FutexWakeAll(&data_->word);
   return 0;
 }
 
@@ -239,10 +245,11 @@ int SharedEvent::Pulse() {
   }
   if (!data_->manualReset) return Reset();
   uint32_t v = data_->word.load(std::memory_order_acquire);
-  while (!data_->word.compare_exchange_weak(v, (v & ~kSignaled) + kGeneration,
-                                            std::memory_order_acq_rel)) {
+  while (!data_->word.compare_exchange_weak(
+      v, ((v & ~kSignaled) + kGeneration) & ~kSleepers,
+      std::memory_order_acq_rel)) {
   }
-  FutexWakeAll(&data_->word);
+  if (v & kSleepers) FutexWakeAll(&data_->word);
   return 0;
 }
 
@@ -266,13 +273,19 @@ int SharedEvent::Wait(const ACE_Time_Value* deadline) {
     }
     // A manual-reset event pulsed (or signalled and reset) since the wait
     // began releases this waiter too.
-    if (manual && (v >> 1) != (start >> 1)) return 0;
+    if (manual && Generation(v) != Generation(start)) return 0;
+    if (!(v & kSleepers)) {
+      if (!data_->word.compare_exchange_weak(v, v | kSleepers,
+                                             std::memory_order_acq_rel))
+        continue;  // changed meanwhile: look again
+      v |= kSleepers;
+    }
     long r =
         FutexWaitUntil(&data_->word, v, deadline != nullptr ? &until : nullptr);
     int err = r == 0 ? 0 : errno;
     v = data_->word.load(std::memory_order_acquire);
     if (err == ETIMEDOUT && !(v & kSignaled) &&
-        (!manual || (v >> 1) == (start >> 1))) {
+        (!manual || Generation(v) == Generation(start))) {
       errno = ETIME;
       return -1;
     }
@@ -285,6 +298,11 @@ uint32_t SharedEvent::State() const {
 
 uint32_t SharedEvent::WaitForChange(uint32_t seen, int timeoutMs) {
   if (data_ == nullptr) return 0;
+  if (!(seen & kSleepers) &&
+      !data_->word.compare_exchange_strong(seen, seen | kSleepers,
+                                           std::memory_order_acq_rel))
+    return seen;  // it changed before this thread could sleep
+  seen |= kSleepers;
   struct timespec rel;
   rel.tv_sec = timeoutMs / 1000;
   rel.tv_nsec = static_cast<long>(timeoutMs % 1000) * 1000000L;

@@ -9,14 +9,15 @@
 // The file is always mode 0666 whatever the umask: open to every local user.
 //
 // The state is one 32-bit futex word in that file, mapped by every opener:
-// bit 0 is "signalled", the upper bits a generation counter that every
-// signal and every pulse advances. Signal, Reset and Pulse are single atomic
-// updates followed by a FUTEX_WAKE of every sleeper; a waiter sleeps in
-// FUTEX_WAIT on the value it last saw. There is no lock in shared memory,
-// so a process killed at any instant (while signalling, pulsing, waiting)
-// leaves the word consistent and no other process blocked. A futex word was
-// chosen over a robust mutex because a robust mutex only hands the lock to
-// the next owner with EOWNERDEAD; the condition variable paired with it
+// bit 0 is "signalled", bit 1 "someone may sleep on the word", the upper
+// bits a generation counter that every signal and every pulse advances.
+// Signal, Reset and Pulse are single atomic updates, followed by a
+// FUTEX_WAKE of every sleeper when bit 1 was set; a waiter sets bit 1 and
+// sleeps in FUTEX_WAIT on the value it last saw. There is no lock in shared
+// memory, so a process killed at any instant (while signalling, pulsing,
+// waiting) leaves the word consistent and no other process blocked. A futex
+// word was chosen over a robust mutex because a robust mutex only hands the
+// lock to the next owner with EOWNERDEAD; the condition variable paired with it
 // keeps waiter counts that a dead waiter never takes back, so the next
 // broadcast may wake no one. The futex word has nothing to repair.
 //
@@ -97,8 +98,10 @@ class COM_EXPORT SharedEvent {
   // by the wait that sees it signalled.
   int Wait(const ACE_Time_Value* deadline);
 
-  // The raw word (bit 0 signalled, the rest a generation), for watchers.
+  // The raw word, for watchers: read it with Signaled and Generation.
   uint32_t State() const;
+  static bool Signaled(uint32_t word) { return (word & 1u) != 0; }
+  static uint32_t Generation(uint32_t word) { return word >> 2; }
   // Sleeps while the word still equals `seen`, at most `timeoutMs`
   // milliseconds (or until WakeAll); returns the word then. A manual-reset
   // watcher sees a signal or a pulse as a change of generation.
