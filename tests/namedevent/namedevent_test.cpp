@@ -56,18 +56,6 @@ bool Eventually(Pred pred, int ms = 5000) {
   return pred();
 }
 
-TEST(NamedEvent, ManualResetClearAtFirstOpenAndStaysSignalled) {
-  std::string name = UniqueName("manual");
-  NamedEvent a(name.c_str());
-  EXPECT_FALSE(IsSignaled(a));
-  NamedEvent b(name.c_str());  // the same event
-  ASSERT_EQ(0, b.signal());
-  EXPECT_TRUE(IsSignaled(a));
-  EXPECT_TRUE(IsSignaled(a));  // a wait does not consume it
-  ASSERT_EQ(0, a.reset());
-  EXPECT_FALSE(IsSignaled(b));
-}
-
 TEST(NamedEvent, BadNameThrowsAfterLoggingAtDebug) {
   testsupport::LogCapture log;
   try {
