@@ -3,11 +3,10 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "common/namedevent/namedevent.h"
 
 #include "support/childprocess.h"
 
@@ -15,16 +14,28 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// As root the children get a /dev/shm of their own, so that no other test
+// process meets their "Global\KelvaneAllStop"; `first` is the child whose
+// namespace the others join (0: make a new one).
+std::vector<std::string> Isolated(pid_t first, std::vector<std::string> args) {
+  args.insert(args.begin(), testsupport::ChildProgram());
+  if (::geteuid() != 0) return args;
+  if (first == 0) {
+    args.insert(args.begin() + 1, "--private-shm");
+  } else {
+    args.insert(args.begin() + 1, {"--shm-of", std::to_string(first)});
+  }
+  return args;
+}
+
 // Every process holding a ShutDownEvent ends its loop when another process
 // signals the machine-wide stop event, which then stays signalled.
 TEST(ShutDownEvent, StopEventFromAnotherProcessEndsEveryLoop) {
-  Common::NamedEvent stop("Global\\KelvaneAllStop");
-  stop.reset();  // not left signalled by an earlier run
   std::vector<std::unique_ptr<testsupport::ChildProcess>> services;
   for (int i = 0; i < 3; ++i) {
     services.emplace_back(new testsupport::ChildProcess);
-    ASSERT_TRUE(
-        services.back()->Start({testsupport::ChildProgram(), "stopwatch"}));
+    ASSERT_TRUE(services.back()->Start(
+        Isolated(i == 0 ? 0 : services[0]->pid(), {"stopwatch"})));
     std::string line;
     ASSERT_TRUE(services.back()->ReadLine(&line));
     ASSERT_EQ("ready", line);
@@ -33,7 +44,7 @@ TEST(ShutDownEvent, StopEventFromAnotherProcessEndsEveryLoop) {
   EXPECT_FALSE(services[0]->ReadLine(&line, 200)) << line;  // still running
   testsupport::ChildProcess signaller;
   ASSERT_TRUE(signaller.Start(
-      {testsupport::ChildProgram(), "event", "Global\\KelvaneAllStop"}));
+      Isolated(services[0]->pid(), {"event", "Global\\KelvaneAllStop"})));
   ASSERT_TRUE(signaller.ReadLine(&line));
   ASSERT_EQ("ok", signaller.Ask("s"));
   for (auto& s : services) {
@@ -64,8 +75,9 @@ TEST(ShutDownEvent, RestartTimerAndForcedExit) {
   for (const Row& r : rows) {
     SCOPED_TRACE(std::to_string(r.delay) + (r.graceful ? " graceful" : ""));
     testsupport::ChildProcess child;
-    ASSERT_TRUE(child.Start({testsupport::ChildProgram(), "shutdown", "200",
-                             std::to_string(r.delay), r.graceful ? "1" : "0"}));
+    ASSERT_TRUE(
+        child.Start(Isolated(0, {"shutdown", "200", std::to_string(r.delay),
+                                 r.graceful ? "1" : "0"})));
     std::string line;
     ASSERT_TRUE(child.ReadLine(&line, 5000));
     EXPECT_EQ("ended 1", line);  // by the timer: automated

@@ -20,6 +20,10 @@
 //   com_test_child debug <force 0|1>  builds DebugTrigger on $KELVANE_CONFIG
 //                                with the reactor loop on a second thread;
 //                                "?": LM_DEBUG in the process mask (1 or 0)
+// Before the command, "--private-shm" gives the child a /dev/shm of its own
+// (a new mount namespace with a fresh tmpfs there, root only) and
+// "--shm-of <pid>" joins that of another such child, so that tests of the
+// machine-wide stop event do not meet other tests' processes.
 //   com_test_child cfgwrite <file> <prefix> <n>  writes the values
 //                                <prefix>0..<prefix>n-1 = their index into
 //                                [Software\Kelvane\Test], one write each
@@ -27,8 +31,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <random>
+#include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
 
@@ -186,9 +193,37 @@ int ConfigWrite(const char* file, const char* prefix, int n) {
   return 0;
 }
 
+// Called while the process is still single-threaded.
+bool IsolateShm(int* argc, char*** argv) {
+  char* program = (*argv)[0];
+  if (*argc >= 2 && std::strcmp((*argv)[1], "--private-shm") == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") != 0)
+      return false;
+    --*argc;
+    ++*argv;
+  } else if (*argc >= 3 && std::strcmp((*argv)[1], "--shm-of") == 0) {
+    std::string ns = std::string("/proc/") + (*argv)[2] + "/ns/mnt";
+    int fd = ::open(ns.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || ::setns(fd, CLONE_NEWNS) != 0) return false;
+    ::close(fd);
+    *argc -= 2;
+    *argv += 2;
+  } else {
+    return true;
+  }
+  (*argv)[0] = program;
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!IsolateShm(&argc, &argv)) {
+    std::fprintf(stderr, "cannot isolate /dev/shm: %s\n", std::strerror(errno));
+    return 3;
+  }
   ACE_LOG_MSG->priority_mask(0, ACE_Log_Msg::PROCESS);  // keep stdout clean
   if (argc == 2 && std::strcmp(argv[1], "failures") == 0) return Failures();
   if (argc == 3 && std::strcmp(argv[1], "event") == 0) return Event(argv[2]);
