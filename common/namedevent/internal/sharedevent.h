@@ -35,7 +35,7 @@
 // Pulse wakes every process waiting at that moment (their generation moved)
 // and leaves a manual-reset event clear. On an auto-reset event a wait that
 // sees it signalled clears it (only one waiter wins each signal); a pulse
-// there also releases every waiter present.
+// there only clears it and releases no one (nothing here pulses one).
 //
 // Failure convention: 0 on success, -1 with errno set.
 //
