@@ -2,10 +2,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <unistd.h>
 
 #include "common/base/comlog.h"
-#include "common/namedevent/internal/sharedevent.h"
+#include "common/namedevent/namedevent.h"
 #include "common/os/systeminfo.h"
 
 namespace Kelvane {
@@ -98,10 +99,11 @@ void MemoryAllocationException::HandleAllocationFailureIncrement() {
            "MemoryAllocationException::HandleAllocationFailureIncrement: "
            "Signaling restart event %s for this process with pid: %d.\n",
            name, pid));
-  Common::internal::SharedEvent restart;
-  if (restart.Open(name, true, false) == 0) {
-    restart.Signal();
-    restart.Close();
+  try {
+    Common::NamedEvent restart(name);
+    restart.signal();
+  } catch (const std::exception&) {
+    // Already logged by the event; the failure count still stands.
   }
 }
 

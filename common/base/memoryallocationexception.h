@@ -7,8 +7,8 @@
 // (15 unless changed, so the 16th failure is the first), each further
 // failure logs at LM_ALERT and signals the manual-reset, machine-wide event
 // "Global\KelvaneRestart_<pid>"; the supervisor watching that event
-// restarts the process. The event is a shared event open to every local
-// user (see common/namedevent/internal/sharedevent.h): it stays signalled
+// restarts the process. The event is a Common::NamedEvent open to every
+// local user (see common/namedevent/namedevent.h): it stays signalled
 // for as long as the supervisor keeps it open, and vanishes when no process
 // has it open, as a kernel event does.
 //

@@ -8,7 +8,9 @@
 #include <map>
 #include <string>
 #include <strings.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -97,6 +99,72 @@ std::string CanonicalIniText(const std::string& text) {
     if (eq == std::string::npos || Trim(line.substr(0, eq)).empty()) continue;
     out += line;
     out += '\n';
+  }
+  return out;
+}
+
+std::string SetIniValue(const std::string& text, const std::string& section,
+                        const std::string& name, const std::string& value) {
+  std::vector<std::string> target = SplitSectionPath(section);
+  for (std::string& level : target) level = Lower(level);
+  const std::string wantedName = Lower(Trim(name));
+
+  std::vector<std::string> lines;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    lines.push_back(text.substr(pos, eol - pos));
+    pos = eol + 1;
+  }
+  bool inTarget = false;
+  bool valueSeen = false;
+  size_t firstHeader = std::string::npos;
+  size_t insertAfter = std::string::npos;  // last line of the first section
+  bool inFirst = false;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    std::string line = Trim(lines[i]);
+    if (!line.empty() && line[0] == '[') {
+      size_t close = line.rfind(']');
+      std::vector<std::string> levels = SplitSectionPath(line.substr(
+          1, close == std::string::npos || close == 0 ? std::string::npos
+                                                      : close - 1));
+      for (std::string& level : levels) level = Lower(level);
+      inTarget = !levels.empty() && levels == target;
+      inFirst = inTarget && firstHeader == std::string::npos;
+      if (inFirst) firstHeader = insertAfter = i;
+      continue;
+    }
+    size_t eq = line.find('=');
+    bool isValue = !line.empty() && line[0] != ';' && line[0] != '#' &&
+                   eq != std::string::npos && eq != 0;
+    if (!inTarget || !isValue) continue;
+    if (inFirst) insertAfter = i;
+    if (!wantedName.empty() && Lower(Trim(line.substr(0, eq))) == wantedName) {
+      lines[i] = Trim(line.substr(0, eq)) + "=" + value;
+      valueSeen = true;
+    }
+  }
+  const std::string entry = name.empty() ? "" : Trim(name) + "=" + value;
+  bool endsWithNewline = text.empty() || text.back() == '\n';
+  if (firstHeader == std::string::npos) {
+    if (!lines.empty() && !Trim(lines.back()).empty()) lines.push_back("");
+    std::string header = "[";
+    for (const std::string& level : SplitSectionPath(section)) {
+      if (header.size() > 1) header += '\\';
+      header += level;
+    }
+    lines.push_back(header + "]");
+    if (!entry.empty()) lines.push_back(entry);
+    endsWithNewline = true;
+  } else if (!valueSeen && !entry.empty()) {
+    lines.insert(lines.begin() + static_cast<long>(insertAfter) + 1, entry);
+    if (insertAfter + 2 == lines.size()) endsWithNewline = true;
+  }
+  std::string out;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    out += lines[i];
+    if (i + 1 < lines.size() || endsWithNewline) out += '\n';
   }
   return out;
 }
@@ -206,6 +274,122 @@ int ConfigStore::GetString(ACE_Configuration& config,
     return 0;
   }
   return -1;
+}
+
+namespace {
+
+int ReadWholeFile(const char* path, std::string* text) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  char buf[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      int saved = errno;
+      ::close(fd);
+      errno = saved;
+      return -1;
+    }
+    if (n == 0) break;
+    text->append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return 0;
+}
+
+int WriteAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+// Holds an exclusive flock on a folder; the kernel drops it with its holder.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::string& folder)
+      : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    if (fd_ < 0) return;
+    int r;
+    do {
+      r = ::flock(fd_, LOCK_EX);
+    } while (r != 0 && errno == EINTR);
+    if (r != 0) {
+      int saved = errno;
+      ::close(fd_);
+      fd_ = -1;
+      errno = saved;
+    }
+  }
+  ~FolderLock() {
+    if (fd_ >= 0) {
+      int saved = errno;
+      ::close(fd_);
+      errno = saved;
+    }
+  }
+  bool ok() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+int ConfigStore::WriteString(const char* file, const char* key,
+                             const char* name, const char* value) {
+  if (key == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  const std::string path = file != nullptr ? file : FilePath().c_str();
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "."
+                             : slash == 0               ? "/"
+                                                        : path.substr(0, slash);
+  FolderLock lock(folder);
+  if (!lock.ok()) return -1;
+
+  std::string text;
+  mode_t mode = 0644;
+  struct stat st;
+  bool existed = ::stat(path.c_str(), &st) == 0;
+  if (existed) {
+    mode = st.st_mode & 07777;
+    if (ReadWholeFile(path.c_str(), &text) != 0) return -1;
+  } else if (errno != ENOENT) {
+    return -1;
+  }
+  const std::string updated = internal::SetIniValue(
+      text, key, name != nullptr ? name : "", value != nullptr ? value : "");
+  if (existed && updated == text) return 0;
+
+  std::string temp = path + ".XXXXXX";
+  int fd = ::mkostemp(&temp[0], O_CLOEXEC);
+  if (fd < 0) return -1;
+  if (WriteAll(fd, updated) != 0 || ::fchmod(fd, mode) != 0 ||
+      ::fsync(fd) != 0) {
+    int saved = errno;
+    ::close(fd);
+    ::unlink(temp.c_str());
+    errno = saved;
+    return -1;
+  }
+  ::close(fd);
+  if (::rename(temp.c_str(), path.c_str()) != 0) {
+    int saved = errno;
+    ::unlink(temp.c_str());
+    errno = saved;
+    return -1;
+  }
+  return 0;
 }
 
 ConfigStore::ConfigStore() : heap_(new ACE_Configuration_Heap) {

@@ -72,6 +72,19 @@ class COM_EXPORT ConfigStore {
                        const ACE_Configuration_Section_Key& key,
                        const char* name, ACE_CString& value);
 
+  // Sets the string value `name` of the section `key` in the INI file
+  // `file` (FilePath() when null), creating the file, the section and the
+  // value as needed; with a null or empty `name` only the section is made
+  // sure of. The rest of the file is kept byte for byte (see
+  // internal::SetIniValue). The file is replaced atomically: the new text
+  // goes to a temporary file in the same folder, which is renamed over it,
+  // keeping its mode; a reader sees the old or the new file, never a part.
+  // Writers serialise on an exclusive flock of the file's folder, so two
+  // processes writing at once both land. Nothing is written when the text
+  // would not change. Returns 0, or -1 with errno set.
+  static int WriteString(const char* file, const char* key, const char* name,
+                         const char* value);
+
   ConfigStore();
 
   // Replaces the content with that of `file` (FilePath() for the overload

@@ -27,6 +27,20 @@ COM_EXPORT std::vector<std::string> SplitSectionPath(const std::string& path);
 // regard to case).
 COM_EXPORT std::string CanonicalIniText(const std::string& text);
 
+// The INI text with the value `name` of the section `section` set to
+// `value`, everything else kept byte for byte (comments, other sections and
+// values, spelling). Sections and names are matched without regard to case
+// and section levels as SplitSectionPath splits them. Every line of that
+// name in every header of that section is rewritten, keeping the name's
+// spelling, so no stale copy can win; without one, "name=value" goes after
+// the last value of the first such section, and without the section a new
+// "[section]" with the value is appended. An empty `name` only makes sure
+// that the section exists.
+COM_EXPORT std::string SetIniValue(const std::string& text,
+                                   const std::string& section,
+                                   const std::string& name,
+                                   const std::string& value);
+
 }  // namespace internal
 }  // namespace Kelvane
 

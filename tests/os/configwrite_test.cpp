@@ -1,0 +1,125 @@
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/os/configstore.h"
+#include "common/os/internal/configtext.h"
+
+#include "support/childprocess.h"
+#include "support/tempfolder.h"
+
+namespace {
+
+using Kelvane::ConfigStore;
+using Kelvane::internal::SetIniValue;
+
+TEST(SetIniValue, EditsOneValueAndKeepsEveryOtherByte) {
+  const char* S = "Software\\Kelvane\\QuillonServer\\System";
+  struct Row {
+    const char* text;
+    const char* name;
+    const char* want;
+  } rows[] = {
+      // Replaced where it stands, name spelling kept, case-blind match of
+      // section levels and separators.
+      {"[a]\nx=1\n[SOFTWARE/kelvane\\QuillonServer\\SYSTEM]\n; c\n"
+       " debug = 1 \nz=2\n",
+       "Debug",
+       "[a]\nx=1\n[SOFTWARE/kelvane\\QuillonServer\\SYSTEM]\n; c\n"
+       "debug=0\nz=2\n"},
+      // Added after the last value of the first header; a commented-out
+      // value does not count.
+      {"[Software\\Kelvane\\QuillonServer\\System]\n;Debug=1\nA=1\n\n[b]\n",
+       "Debug",
+       "[Software\\Kelvane\\QuillonServer\\System]\n;Debug=1\nA=1\nDebug=0\n\n"
+       "[b]\n"},
+      // Every copy in repeated headers is rewritten.
+      {"[Software\\Kelvane\\QuillonServer\\System]\nDebug=1\n[b]\n"
+       "[Software\\Kelvane\\QuillonServer\\System]\nDEBUG=5",
+       "Debug",
+       "[Software\\Kelvane\\QuillonServer\\System]\nDebug=0\n[b]\n"
+       "[Software\\Kelvane\\QuillonServer\\System]\nDEBUG=0"},
+      // No section: appended after a blank line; no final newline before.
+      {"[a]\nx=1", "Debug",
+       "[a]\nx=1\n\n[Software\\Kelvane\\QuillonServer\\System]\nDebug=0\n"},
+      {"", "Debug", "[Software\\Kelvane\\QuillonServer\\System]\nDebug=0\n"},
+      // Only the section is made sure of.
+      {"", "", "[Software\\Kelvane\\QuillonServer\\System]\n"},
+      {"[Software\\Kelvane\\QuillonServer\\System]", "",
+       "[Software\\Kelvane\\QuillonServer\\System]"},
+      // A longer section name sharing the prefix is another section.
+      {"[Software\\Kelvane\\QuillonServer\\System\\Sub]\nDebug=1\n", "Debug",
+       "[Software\\Kelvane\\QuillonServer\\System\\Sub]\nDebug=1\n\n"
+       "[Software\\Kelvane\\QuillonServer\\System]\nDebug=0\n"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.text);
+    EXPECT_EQ(r.want, SetIniValue(r.text, S, r.name, "0"));
+  }
+}
+
+TEST(ConfigStoreWrite, ReplacesTheFileAtomicallyKeepingItsMode) {
+  testsupport::TempFolder folder;
+  std::string file = folder.Write("k.ini", "[x]\na=1\n");
+  ASSERT_EQ(0, ::chmod(file.c_str(), 0640));
+  struct stat before, after;
+  ASSERT_EQ(0, ::stat(file.c_str(), &before));
+  ASSERT_EQ(0, ConfigStore::WriteString(file.c_str(), "x", "b", "2"));
+  ASSERT_EQ(0, ::stat(file.c_str(), &after));
+  EXPECT_NE(before.st_ino, after.st_ino);  // a new file renamed over it
+  EXPECT_EQ(0640u, after.st_mode & 07777);
+  EXPECT_EQ("[x]\na=1\nb=2\n", testsupport::TempFolder::Read(file));
+  // Nothing to change: the file stays as it is.
+  ASSERT_EQ(0, ConfigStore::WriteString(file.c_str(), "x", "b", "2"));
+  ASSERT_EQ(0, ::stat(file.c_str(), &before));
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  // A missing folder fails with errno set and leaves nothing behind.
+  errno = 0;
+  EXPECT_EQ(-1, ConfigStore::WriteString(folder.File("no/k.ini").c_str(), "x",
+                                         "b", "2"));
+  EXPECT_EQ(ENOENT, errno);
+}
+
+// Two processes write 150 values each at the same time; every value lands
+// and the value read back through the store is each writer's.
+TEST(ConfigStoreWrite, ConcurrentWritersLoseNothing) {
+  testsupport::TempFolder folder;
+  std::string file = folder.Write("k.ini", "[Keep]\nMe=1\n");
+  const int n = 150;
+  testsupport::ChildProcess a, b;
+  ASSERT_TRUE(a.Start(
+      {testsupport::ChildProgram(), "cfgwrite", file, "a", std::to_string(n)}));
+  ASSERT_TRUE(b.Start(
+      {testsupport::ChildProgram(), "cfgwrite", file, "b", std::to_string(n)}));
+  EXPECT_EQ(0, a.Finish());
+  EXPECT_EQ(0, b.Finish());
+  ConfigStore store;
+  ASSERT_EQ(0, store.Load(file.c_str()));
+  ACE_Configuration_Section_Key key;
+  ASSERT_EQ(0, store.OpenKey("Software\\Kelvane\\Test", key));
+  int found = 0;
+  for (const char* prefix : {"a", "b"}) {
+    for (int i = 0; i < n; ++i) {
+      ACE_CString value;
+      std::string name = prefix + std::to_string(i);
+      if (ConfigStore::GetString(store.heap(), key, name.c_str(), value) == 0 &&
+          value == std::to_string(i).c_str())
+        ++found;
+    }
+  }
+  EXPECT_EQ(2 * n, found);
+  ASSERT_EQ(0, store.OpenKey("Keep", key));
+  ACE_CString keep;
+  EXPECT_EQ(0, ConfigStore::GetString(store.heap(), key, "Me", keep));
+  // No temporary file left in the folder.
+  std::vector<std::string> left;
+  for (const auto& e : std::filesystem::directory_iterator(folder.path()))
+    left.push_back(e.path().filename().string());
+  EXPECT_EQ(std::vector<std::string>{"k.ini"}, left);
+}
+
+}  // namespace
