@@ -23,10 +23,10 @@ std::string S(const ACE_CString& s) {
 }
 
 bool KnownMessage(const char* m) {
-  const char* known[] = {
-      DTSStudyURL::kNotDtsUrl,      DTSStudyURL::kMissingParameters,
-      DTSStudyURL::kDirectPathname, DTSStudyURL::kPortNumber,
-      DTSStudyURL::kMissingPath,    DTSStudyURL::kStrdupFailed};
+  const char* known[] = {DTSStudyURL::kNotDtsUrl,
+                         DTSStudyURL::kMissingParameters,
+                         DTSStudyURL::kDirectPathname, DTSStudyURL::kPortNumber,
+                         DTSStudyURL::kMissingPath};
   for (const char* k : known) {
     if (std::strcmp(k, m) == 0) return true;
   }

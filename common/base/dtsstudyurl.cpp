@@ -21,7 +21,6 @@
 
 constexpr const char DTSStudyURL::kNoHostname[];
 constexpr const char DTSStudyURL::kInvalidPath[];
-constexpr const char DTSStudyURL::kStrdupFailed[];
 constexpr const char DTSStudyURL::kNotDtsUrl[];
 constexpr const char DTSStudyURL::kMissingParameters[];
 constexpr const char DTSStudyURL::kDirectPathname[];
@@ -68,6 +67,28 @@ int ReadInt(const char* text) {
 ACE_INT64 ReadInt64(const char* text) {
   return static_cast<ACE_INT64>(std::strtoll(text, nullptr, 10));
 }
+
+// A NUL-terminated copy of a value for the C readers, on the stack when it
+// is short.
+class CText {
+ public:
+  CText(const char* p, size_t n) {
+    if (n < sizeof small_) {
+      std::memcpy(small_, p, n);
+      small_[n] = '\0';
+      text_ = small_;
+    } else {
+      large_.assign(p, n);
+      text_ = large_.c_str();
+    }
+  }
+  const char* c_str() const { return text_; }
+
+ private:
+  char small_[64];
+  std::string large_;
+  const char* text_;
+};
 
 bool KeyIs(const char* key, size_t length, const char* name) {
   return std::strlen(name) == length && ::strncasecmp(key, name, length) == 0;
@@ -189,20 +210,14 @@ ACE_CString DTSStudyURL::encodeParams() const {
 ACE_CString DTSStudyURL::allParams() const { return encodeParams(); }
 
 void DTSStudyURL::parseURL(const ACE_CString& url) {
-  char* copy = ACE_OS::strdup(url.c_str());
-  if (copy == nullptr) throw BadlyFormedUrl(kStrdupFailed);
-  // The copy is only read below; it holds the text up to its first NUL, as
-  // every C-string reader of the URL sees it.
-  struct Free {
-    char* p;
-    ~Free() { ACE_OS::free(p); }
-  } guard{copy};
-
-  const size_t length = std::strlen(copy);
-  if (length < kSchemeLength || ::strncasecmp(copy, kScheme, kSchemeLength)) {
+  // The text is read up to its first NUL, as a C-string copy of it would
+  // be; the checks below only read, so no copy is made.
+  const char* text = url.c_str();
+  const size_t length = std::strlen(text);
+  if (length < kSchemeLength || ::strncasecmp(text, kScheme, kSchemeLength)) {
     throw BadlyFormedUrl(kNotDtsUrl);
   }
-  const char* hostStart = copy + kSchemeLength;
+  const char* hostStart = text + kSchemeLength;
   const char* question = std::strchr(hostStart, '?');
   if (question == nullptr) throw BadlyFormedUrl(kMissingParameters);
   const size_t hostLength = static_cast<size_t>(question - hostStart);
@@ -213,20 +228,25 @@ void DTSStudyURL::parseURL(const ACE_CString& url) {
     throw BadlyFormedUrl(kPortNumber);
   }
   DTSStudyURL next;
-  next.parseParams(ACE_CString(question + 1),
-                   ACE_CString(hostStart, hostLength));
+  next.ReadQuery(question + 1, text + length,
+                 ACE_CString(hostStart, hostLength));
   next.url_ = url;
-  *this = next;
+  Swap(next);
 }
 
 void DTSStudyURL::parseParams(const ACE_CString& params,
                               const ACE_CString& host) {
   DTSStudyURL next;
+  next.ReadQuery(params.c_str(), params.c_str() + params.length(), host);
+  next.Regenerate();
+  Swap(next);
+}
+
+void DTSStudyURL::ReadQuery(const char* p, const char* end,
+                            const ACE_CString& host) {
   bool havePath = false;
   bool haveTimestamp = false;
   std::string other;
-  const char* p = params.c_str();
-  const char* end = p + params.length();
   while (p <= end) {
     const char* amp = static_cast<const char*>(std::memchr(p, '&', end - p));
     const char* itemEnd = amp == nullptr ? end : amp;
@@ -237,28 +257,31 @@ void DTSStudyURL::parseParams(const ACE_CString& params,
       other.append(p, itemEnd - p);
     } else {
       const size_t keyLength = static_cast<size_t>(eq - p);
-      ACE_CString value(eq + 1, itemEnd - eq - 1);
+      const char* value = eq + 1;
+      const size_t valueLength = static_cast<size_t>(itemEnd - value);
       if (KeyIs(p, keyLength, "p") || KeyIs(p, keyLength, "path")) {
-        next.path_ = value;
+        path_.set(value, valueLength, true);
         havePath = true;
       } else if (KeyIs(p, keyLength, "s") || KeyIs(p, keyLength, "suid")) {
-        next.suid_ = value;
+        suid_.set(value, valueLength, true);
       } else if (KeyIs(p, keyLength, "v") || KeyIs(p, keyLength, "version")) {
-        next.version_ = value;
+        version_.set(value, valueLength, true);
       } else if (KeyIs(p, keyLength, "t")) {
-        next.type_ = static_cast<unsigned>(ReadInt(value.c_str()));
+        type_ =
+            static_cast<unsigned>(ReadInt(CText(value, valueLength).c_str()));
       } else if (KeyIs(p, keyLength, "ts")) {
-        next.timestamp_ = BDateTime(value.c_str());
+        timestamp_ = BDateTime(CText(value, valueLength).c_str());
         haveTimestamp = true;
       } else if (KeyIs(p, keyLength, "n")) {
-        next.equivalenceValue_ =
-            static_cast<ACE_UINT64>(ReadInt64(value.c_str()));
+        equivalenceValue_ = static_cast<ACE_UINT64>(
+            ReadInt64(CText(value, valueLength).c_str()));
       } else if (KeyIs(p, keyLength, "gs")) {
-        next.goldServerOverride_ = ReadInt(value.c_str()) != 0;
+        goldServerOverride_ = ReadInt(CText(value, valueLength).c_str()) != 0;
       } else if (KeyIs(p, keyLength, "pid")) {
-        next.patientId_ = value;
+        patientId_.set(value, valueLength, true);
       } else if (KeyIs(p, keyLength, "etag")) {
-        next.etag_ = Lower(value);
+        etag_.set(value, valueLength, true);
+        Kelvane::ToLowerCase(etag_);
       } else {
         other += '&';
         other.append(p, itemEnd - p);
@@ -267,15 +290,27 @@ void DTSStudyURL::parseParams(const ACE_CString& params,
     if (amp == nullptr) break;
     p = amp + 1;
   }
-  if (!havePath || next.path_.length() == 0) {
-    throw BadlyFormedUrl(kMissingPath);
-  }
-  next.host_ = ResolveHost(host);
-  if (!haveTimestamp) next.timestamp_ = BDateTime::Now();
-  next.otherParams_ = ACE_CString(other.data(), other.size());
-  next.path_ = StackUtils::extractStackPath(next.path_);
-  next.Regenerate();
-  *this = next;
+  if (!havePath || path_.length() == 0) throw BadlyFormedUrl(kMissingPath);
+  host_ = ResolveHost(host);
+  if (!haveTimestamp) timestamp_ = BDateTime::Now();
+  otherParams_.set(other.data(), other.size(), true);
+  const ACE_CString cut = StackUtils::extractStackPath(path_);
+  if (cut.length() != path_.length()) path_ = cut;
+}
+
+void DTSStudyURL::Swap(DTSStudyURL& other) {
+  url_.swap(other.url_);
+  host_.swap(other.host_);
+  path_.swap(other.path_);
+  suid_.swap(other.suid_);
+  std::swap(type_, other.type_);
+  std::swap(equivalenceValue_, other.equivalenceValue_);
+  otherParams_.swap(other.otherParams_);
+  version_.swap(other.version_);
+  std::swap(timestamp_, other.timestamp_);
+  std::swap(goldServerOverride_, other.goldServerOverride_);
+  patientId_.swap(other.patientId_);
+  etag_.swap(other.etag_);
 }
 
 void DTSStudyURL::path(const ACE_CString& value) {

@@ -86,7 +86,6 @@ class COM_EXPORT DTSStudyURL {
  public:
   static constexpr const char kNoHostname[] = "unable to determine hostname!";
   static constexpr const char kInvalidPath[] = "invalid path specification!";
-  static constexpr const char kStrdupFailed[] = "ACE_OS::strdup failed";
   static constexpr const char kNotDtsUrl[] = "Not a dts URL specification";
   static constexpr const char kMissingParameters[] =
       "Missing parameters in dts URL specification";
@@ -235,6 +234,10 @@ class COM_EXPORT DTSStudyURL {
 
  private:
   void Regenerate();
+  // The fields of the query text [p, end) and `host` into this fresh
+  // object; throws as parseParams does. url_ is left alone.
+  void ReadQuery(const char* p, const char* end, const ACE_CString& host);
+  void Swap(DTSStudyURL& other);
 
   ACE_CString url_;
   ACE_CString host_;
