@@ -30,7 +30,11 @@
 //    A refused, unreachable or timed-out connection is "network path not
 //    found" and is retried every 20 seconds while the process's reactor
 //    runs; a server name that does not resolve, or a socket that cannot be
-//    made, is any other error and fails at once.
+//    made, is any other error and fails at once. The error text of its log
+//    lines ("OSNetwork::IsRemoteResourceActive: Error: %s; remote host isn't
+//    available\n" at error the first time, at debug after that) is
+//    strerror(3) of the connection error ("Connection refused"), or
+//    gai_strerror(3) of the failed look-up.
 //
 // Thread safety: every function may be called from any thread. The virtual
 // host name and the address mode are plain process-wide settings without a
