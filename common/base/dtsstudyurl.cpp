@@ -1,7 +1,6 @@
 #include "common/base/dtsstudyurl.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
@@ -11,9 +10,6 @@
 #include <netinet/in.h>
 #include <strings.h>
 #include <sys/socket.h>
-
-#include <ace/OS_Memory.h>
-#include <ace/OS_NS_string.h>
 
 #include "common/base/stackutils.h"
 #include "common/base/stringutils.h"
@@ -56,7 +52,6 @@ ACE_CString ResolveHost(const ACE_CString& host) {
 
 // atoi as the format's runtime did it: saturating at the int range.
 int ReadInt(const char* text) {
-  errno = 0;
   long v = std::strtol(text, nullptr, 10);
   if (v > INT_MAX) return INT_MAX;
   if (v < INT_MIN) return INT_MIN;
