@@ -56,7 +56,7 @@ void Studies() {
     // (which counts as an archive) and a processing node.
     copies.push_back(DTSStudyURL("/cache/stack", "cache1", uids[0], CACHE, "",
                                  7, when, false, ""));
-    copies.push_back(DTSStudyURL("/data/stack", "korven1", uids[0],
+    copies.push_back(DTSStudyURL("/data/stack", "single1", uids[0],
                                  SINGLE_SERVER_KORVEN, "", 7, when, false, ""));
     copies.push_back(DTSStudyURL("/proc/stack", "proc1", uids[0],
                                  DICOM_PROCESSING, "", 8, when, false, ""));
