@@ -15,6 +15,7 @@
 #include <limits.h>
 #include <mutex>
 #include <string>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -271,6 +272,28 @@ void Symbolise(int fd) {
            g_reportPath, report.c_str()));
 }
 
+int g_reportFd = -1;
+ucontext_t g_childMain, g_childWork;
+
+void SymboliseEntry() { Symbolise(g_reportFd); }
+
+// libdw needs far more stack than the alternate signal stack has: the
+// child gives it a fresh 8 MiB stack of its own.
+void RunSymbolise() {
+  const size_t size = size_t{8} << 20;
+  void* stack = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (stack == MAP_FAILED || ::getcontext(&g_childWork) != 0) {
+    SymboliseEntry();
+    return;
+  }
+  g_childWork.uc_stack.ss_sp = stack;
+  g_childWork.uc_stack.ss_size = size;
+  g_childWork.uc_link = &g_childMain;
+  ::makecontext(&g_childWork, SymboliseEntry, 0);
+  if (::swapcontext(&g_childMain, &g_childWork) != 0) SymboliseEntry();
+}
+
 // ---------------------------------------------------------------- handler
 
 void OnFatalSignal(int sig, siginfo_t* info, void* context) {
@@ -344,7 +367,8 @@ void OnFatalSignal(int sig, siginfo_t* info, void* context) {
 
   const pid_t child = fd >= 0 ? ::_Fork() : -1;
   if (child == 0) {
-    Symbolise(fd);
+    g_reportFd = fd;
+    RunSymbolise();
     ::_exit(0);
   }
   bool finished = false;
