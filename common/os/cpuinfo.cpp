@@ -129,7 +129,9 @@ double Usage(const CPUStats::Times& older, const CPUStats::Times& newer) {
 
 namespace {
 
-// Feature flags by their /proc/cpuinfo names.
+// Feature flags by their /proc/cpuinfo names. rdseed is left out: the
+// kernel withholds it on parts whose RDSEED is faulty, which cpuid alone
+// cannot tell.
 enum Reg { k1Ecx, k1Edx, k7Ebx, k7Ecx, k7Edx, kE1Ecx, kE1Edx };
 const struct {
   const char* name;

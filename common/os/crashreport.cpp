@@ -258,9 +258,11 @@ void Symbolise(int fd) {
   if (dwfl != nullptr) dwfl_end(dwfl);
   WriteAll(fd, text.data(), text.size());
 
-  // The whole report to the log, read back from the file.
-  std::string report;
-  const int in = ::open(g_reportPath, O_RDONLY | O_CLOEXEC);
+  // The whole report to the log, read back from the file (without a file
+  // the report went to stderr, and the log gets the symbolised stack).
+  std::string report = fd == STDERR_FILENO ? text : std::string();
+  const int in =
+      fd == STDERR_FILENO ? -1 : ::open(g_reportPath, O_RDONLY | O_CLOEXEC);
   if (in >= 0) {
     char buf[4096];
     ssize_t n;
@@ -317,8 +319,10 @@ void OnFatalSignal(int sig, siginfo_t* info, void* context) {
   name.Text("_").Pad(static_cast<uint64_t>(t.year), 4).Pad(t.month, 2);
   name.Pad(t.day, 2).Text("-").Pad(t.hour, 2).Pad(t.minute, 2);
   name.Pad(t.second, 2).Text(".txt");
-  int fd =
+  const int file =
       ::open(g_reportPath, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  // Without a file the report goes to stderr.
+  const int fd = file >= 0 ? file : STDERR_FILENO;
 
   w.Text("Crash report\n");
   w.Text("time: ").Pad(static_cast<uint64_t>(t.year), 4).Text("-");
@@ -365,7 +369,7 @@ void OnFatalSignal(int sig, siginfo_t* info, void* context) {
   }
   Flush(fd, w);
 
-  const pid_t child = fd >= 0 ? ::_Fork() : -1;
+  const pid_t child = ::_Fork();
   if (child == 0) {
     g_reportFd = fd;
     RunSymbolise();
@@ -393,9 +397,9 @@ void OnFatalSignal(int sig, siginfo_t* info, void* context) {
     w.Text(g_programPath).Text(" and its libraries\n");
     Flush(fd, w);
   }
-  if (fd >= 0) ::close(fd);
+  if (file >= 0) ::close(file);
   w.Text("Fatal ").Text(CrashReportRules::SignalName(sig));
-  w.Text(": crash report ").Text(fd >= 0 ? g_reportPath : "not written");
+  w.Text(": crash report ").Text(file >= 0 ? g_reportPath : "not written");
   w.Text("\n");
   Flush(STDERR_FILENO, w);
 

@@ -129,14 +129,13 @@ std::vector<std::string> Reports(const std::string& folder) {
 // folder must be ignored) and returns its wait status; -1 if it had to be
 // killed. No core files: the limit is 0 in the child.
 int CrashChild(void (*crash)(), const std::string& folder,
-               const std::string& otherFolder) {
+               const std::string& otherFolder, const std::string& logPath) {
   const pid_t pid = ::fork();
   if (pid == 0) {
     struct rlimit none = {0, 0};
     ::setrlimit(RLIMIT_CORE, &none);
     // The log goes to stderr; keep it beside the reports.
-    const int err = ::open((folder + "/stderr.log").c_str(),
-                           O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (err >= 0) ::dup2(err, STDERR_FILENO);
     if (!CUnhandleExceptionFilter::Install(folder.c_str())) ::_exit(3);
     if (!CUnhandleExceptionFilter::Install(otherFolder.c_str())) ::_exit(4);
@@ -189,7 +188,8 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
     SCOPED_TRACE(r.name);
     testsupport::TempFolder folder, other;
     ASSERT_TRUE(folder.ok() && other.ok());
-    const int status = CrashChild(r.crash, folder.path(), other.path());
+    const int status = CrashChild(r.crash, folder.path(), other.path(),
+                                  folder.File("stderr.log"));
     ASSERT_NE(-1, status) << "the child hung";
     ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
     EXPECT_EQ(r.signal, WTERMSIG(status));
@@ -215,6 +215,23 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
     EXPECT_NE(std::string::npos, log.find(r.function)) << log;
     EXPECT_NE(std::string::npos, log.find(reports[0])) << log;
   }
+}
+
+TEST(CUnhandleExceptionFilter, WithoutAFolderTheReportGoesToStderr) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer runtime owns the fatal signals and reports "
+                  "them itself";
+#endif
+  testsupport::TempFolder temp;
+  const std::string missing = temp.File("no-such-folder");
+  const int status =
+      CrashChild(NullWrite, missing, missing, temp.File("stderr.log"));
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(SIGSEGV, WTERMSIG(status));
+  const std::string log = ReadFile(temp.File("stderr.log"));
+  EXPECT_NE(std::string::npos, log.find("signal: 11 (SIGSEGV)")) << log;
+  EXPECT_NE(std::string::npos, log.find("ComCrashNullWrite")) << log;
+  EXPECT_NE(std::string::npos, log.find("crash report not written")) << log;
 }
 
 }  // namespace
