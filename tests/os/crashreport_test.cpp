@@ -165,8 +165,9 @@ void Divide() { ComCrashDivide(0); }
 
 TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizer runtime owns the fatal signals and reports "
-                  "them itself";
+  GTEST_SKIP() << "the sanitizer runtime keeps its own handler for the fatal "
+                  "signals: it reports the fault itself and exits with "
+                  "status 1, so the child never dies of the signal";
 #endif
   const struct {
     const char* name;
@@ -219,8 +220,9 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
 
 TEST(CUnhandleExceptionFilter, WithoutAFolderTheReportGoesToStderr) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizer runtime owns the fatal signals and reports "
-                  "them itself";
+  GTEST_SKIP() << "the sanitizer runtime keeps its own handler for the fatal "
+                  "signals: it reports the fault itself and exits with "
+                  "status 1, so the child never dies of the signal";
 #endif
   testsupport::TempFolder temp;
   const std::string missing = temp.File("no-such-folder");

@@ -1,9 +1,12 @@
 #include "common/os/osinfo.h"
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 #include <sys/utsname.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -155,6 +158,26 @@ TEST(OSInfo, RecordOfThisMachine) {
   EXPECT_TRUE(mine.IsKernelEqual(u.release));
   EXPECT_TRUE(mine.IsKernelAtLeast("2.6"));
   EXPECT_FALSE(mine.IsKernelBelow(u.release));
+}
+
+TEST(OSInfo, ManyThreadsReadTheRecordAtOnce) {
+  // The record is shared and refreshed on every call: concurrent readers
+  // must each get a whole, consistent copy.
+  struct utsname u;
+  ASSERT_EQ(0, ::uname(&u));
+  const std::string release = u.release;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) {
+        const OSVERSIONRECORD r = OSInfo::GetOSInfoEx();
+        if (release != r.release.c_str() || r.dwMajorVersion == 0) ++wrong;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(0, wrong.load());
 }
 
 }  // namespace
