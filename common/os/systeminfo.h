@@ -1,6 +1,9 @@
 // SystemInfo: facts about the machine for logs and diagnostics: memory
 // figures, the process's own memory use, disk figures, the operating
-// system's name and the version of a module.
+// system's name and version, the version of a module, the processor (see
+// common/os/cpuinfo), the machine's address and name, and the displays (see
+// common/os/monitorprop). The Windows-only queries (browser, framework)
+// answer "not installed".
 //
 // Memory figures are unsigned 32-bit kilobytes (byte counts shifted right by
 // 10, wrapping at 32 bits), except the memory load (a percentage 0..100) and

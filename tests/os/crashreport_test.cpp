@@ -52,6 +52,16 @@ __attribute__((noinline)) int ComCrashDivide(int by) {
   return result;
 }
 
+// Unbounded recursion: the handler must run on its alternate stack.
+volatile int g_comCrashDepthLimit = -1;  // never reached
+
+__attribute__((noinline)) int ComCrashRecurse(int depth) {
+  if (depth == g_comCrashDepthLimit) return 0;
+  volatile char frame[256];
+  frame[0] = static_cast<char>(depth);
+  return ComCrashRecurse(depth + 1) + frame[0];
+}
+
 // A thread of its own, with no handler up its stack: the exception cannot
 // be caught anywhere and std::terminate runs with the thrower still on the
 // stack.
@@ -179,6 +189,7 @@ void NullWrite() { ComCrashNullWrite(); }
 void Abort() { ComCrashAbort(); }
 void Uncaught() { ComCrashUncaught(); }
 void Divide() { ComCrashDivide(0); }
+void Overflow() { ComCrashRecurse(0); }
 
 TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
   SKIP_UNDER_SANITIZERS();
@@ -197,6 +208,8 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
        "away\n"},
       {"division by zero", Divide, SIGFPE, "ComCrashDivide",
        "(SIGFPE), code 1, fault address 0x"},
+      {"stack overflow", Overflow, SIGSEGV, "ComCrashRecurse(int)",
+       "(SIGSEGV), code "},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
