@@ -1,10 +1,14 @@
 #include "common/os/systeminfo.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cstdio>
 #include <cstring>
 #include <errno.h>
 #include <fstream>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
@@ -16,6 +20,7 @@
 #include "common/base/comlog.h"
 #include "common/os/internal/packagenote.h"
 #include "common/os/internal/systeminforules.h"
+#include "common/os/osinfo.h"
 
 namespace SystemInfoRules {
 
@@ -395,13 +400,11 @@ void SystemInfo::DiskInfo(const char* path, ACE_UINT64& total,
 }
 
 void SystemInfo::OSName(ACE_CString& name) {
-  std::string text = ReadText("/etc/os-release");
-  if (text.empty()) text = ReadText("/usr/lib/os-release");
-  struct utsname u;
-  bool haveUname = ::uname(&u) == 0;
-  name = SystemInfoRules::LinuxName(text.empty() ? nullptr : text.c_str(),
-                                    haveUname ? u.sysname : nullptr,
-                                    haveUname ? u.release : nullptr);
+  const OSVERSIONRECORD r = OSInfo::GetOSInfoEx();
+  name = SystemInfoRules::LinuxName(
+      r.osReleaseText.length() ? r.osReleaseText.c_str() : nullptr,
+      r.sysName.length() ? r.sysName.c_str() : nullptr,
+      r.release.length() ? r.release.c_str() : nullptr);
 }
 
 ACE_CString SystemInfo::ApplicationVersion(const ACE_CString& modulePath) {
@@ -429,4 +432,114 @@ ACE_CString SystemInfo::ApplicationVersion(const ACE_CString& modulePath) {
     return ACE_CString();
   }
   return version;
+}
+
+ACE_CString SystemInfo::OSVersion() {
+  const OSVERSIONRECORD r = OSInfo::GetOSInfoEx();
+  if (r.release.length() == 0) return ACE_CString();
+  ACE_CString text = r.sysName;
+  text += " ";
+  text += r.release;
+  if (r.distributionId.length() != 0) {
+    text += ", ";
+    text += r.distributionId;
+    if (r.distributionVersion.length() != 0) {
+      text += " ";
+      text += r.distributionVersion;
+    }
+  }
+  return text;
+}
+
+ACE_CString SystemInfo::ProcessorInfo() {
+  std::string text = CPUInfo::ModelName().c_str();
+  CPUInfo cpu;
+  const bool counts = CPUInfo::Read(cpu);
+  if (cpu.vendor.length() != 0) {
+    if (!text.empty()) text += ", ";
+    text += cpu.vendor.c_str();
+    text += " family " + std::to_string(cpu.family) + " model " +
+            std::to_string(cpu.model) + " stepping " +
+            std::to_string(cpu.stepping);
+  }
+  if (counts) {
+    if (!text.empty()) text += ", ";
+    text += std::to_string(cpu.physicalCores) + " cores (" +
+            std::to_string(cpu.logicalCores) + " logical)";
+  }
+  const unsigned mhz = CPUInfo::SpeedMHz();
+  if (mhz != 0) {
+    if (!text.empty()) text += ", ";
+    text += std::to_string(mhz) + " MHz";
+  }
+  return ACE_CString(text.c_str(), text.size());
+}
+
+ACE_CString SystemInfo::ProcessorNameFromRegistry() {
+  return CPUInfo::ModelName();
+}
+
+bool SystemInfo::GetCPUInfo(CPUInfo& info) { return CPUInfo::Read(info); }
+
+unsigned SystemInfo::GetCPUSpeed() { return CPUInfo::SpeedMHz(); }
+
+bool SystemInfo::IsMMXProcessor() {
+  CPUInfo cpu;
+  CPUInfo::Read(cpu);
+  return cpu.HasFeature("mmx");
+}
+
+ACE_CString SystemInfo::IEVersion() { return ACE_CString(); }
+
+bool SystemInfo::IsDotNet1_1FrameworkInstalled() { return false; }
+
+ACE_CString SystemInfo::IPAddress() {
+  struct ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) {
+    COM_LOG((LM_ERROR,
+             "SystemInfo::IPAddress: getifaddrs() failed. OS Error: %m\n"));
+    return ACE_CString();
+  }
+  ACE_CString found;
+  for (struct ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
+    if (a->ifa_addr == nullptr || a->ifa_addr->sa_family != AF_INET) continue;
+    if ((a->ifa_flags & IFF_UP) == 0 || (a->ifa_flags & IFF_LOOPBACK) != 0)
+      continue;
+    char text[INET_ADDRSTRLEN];
+    const auto* in = reinterpret_cast<const sockaddr_in*>(a->ifa_addr);
+    if (::inet_ntop(AF_INET, &in->sin_addr, text, sizeof text) != nullptr) {
+      found = text;
+      break;
+    }
+  }
+  ::freeifaddrs(list);
+  return found;
+}
+
+bool SystemInfo::SetMachineName(const char* name) {
+  size_t len = name ? std::strlen(name) : 0;
+  bool valid = len >= 1 && len <= 64 && name[0] != '-' && name[0] != '.';
+  for (size_t i = 0; valid && i < len; ++i) {
+    const char c = name[i];
+    valid = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+            (c >= '0' && c <= '9') || c == '-' || c == '.';
+  }
+  if (!valid) {
+    errno = EINVAL;
+  } else if (::sethostname(name, len) == 0) {
+    return true;
+  }
+  COM_LOG((LM_ERROR,
+           "SystemInfo::SetMachineName: sethostname() failed. OS Error: %m\n"));
+  return false;
+}
+
+unsigned SystemInfo::AvailableVirtualMemoryKB() {
+  unsigned total = 0, avail = 0, load = 0, vtotal = 0, vavail = 0;
+  SystemMemoryInfo(total, avail, load, vtotal, vavail);
+  return vavail;
+}
+
+int SystemInfo::RetrieveDisplayInformation(std::vector<MonProp>& displays) {
+  return MonitorProp::Enumerate(displays, true);
 }

@@ -1,6 +1,9 @@
 // SystemInfo: facts about the machine for logs and diagnostics: memory
 // figures, the process's own memory use, disk figures, the operating
-// system's name and the version of a module.
+// system's name and version, the version of a module, the processor (see
+// common/os/cpuinfo), the machine's address and name, and the displays (see
+// common/os/monitorprop). The Windows-only queries (browser, framework)
+// answer "not installed".
 //
 // Memory figures are unsigned 32-bit kilobytes (byte counts shifted right by
 // 10, wrapping at 32 bits), except the memory load (a percentage 0..100) and
@@ -29,10 +32,14 @@
 #ifndef COM_COMMON_OS_SYSTEMINFO_H_
 #define COM_COMMON_OS_SYSTEMINFO_H_
 
+#include <vector>
+
 #include <ace/Basic_Types.h>
 #include <ace/SString.h>
 
 #include "common/base/comexport.h"
+#include "common/os/cpuinfo.h"
+#include "common/os/monitorprop.h"
 
 // The machine's memory figures in kilobytes (64-bit, not truncated), as
 // MemoryAllocationException logs them. availExtendedVirtualKB is always 0,
@@ -93,6 +100,57 @@ class COM_EXPORT SystemInfo {
   // for a version resource), unchanged; "" with a record at LM_ERROR when
   // the file has no readable note or the note no version.
   static ACE_CString ApplicationVersion(const ACE_CString& modulePath);
+
+  // The kernel and distribution versions: "<sysname> <release>, <ID>
+  // <VERSION_ID>" of uname(2) and os-release, e.g. "Linux 6.1.0-18-amd64,
+  // debian 12"; without VERSION_ID (a rolling release) only the ID, without
+  // os-release only the kernel part. "" when uname fails.
+  static ACE_CString OSVersion();
+
+  // One line about the processor for a log: "<model name>, <vendor> family
+  // <f> model <m> stepping <s>, <n> cores (<l> logical), <speed> MHz", e.g.
+  // "AMD EPYC, AuthenticAMD family 26 model 2 stepping 1, 2 cores (2
+  // logical), 2596 MHz". Parts that cannot be read are left out.
+  static ACE_CString ProcessorInfo();
+
+  // The processor's model name (no registry on Linux): see
+  // CPUInfo::ModelName. "" when there is none.
+  static ACE_CString ProcessorNameFromRegistry();
+
+  // The processor's facts (CPUInfo::Read); false when they cannot be read.
+  static bool GetCPUInfo(CPUInfo& info);
+
+  // The nominal speed in MHz (CPUInfo::SpeedMHz); 0 when unknown.
+  static unsigned GetCPUSpeed();
+
+  // Whether the processor has the MMX instructions (the "mmx" flag).
+  static bool IsMMXProcessor();
+
+  // Linux has no such browser: always "", the answer for "not installed".
+  static ACE_CString IEVersion();
+
+  // Linux has no such framework: always false ("not installed").
+  static bool IsDotNet1_1FrameworkInstalled();
+
+  // The machine's IPv4 address in dotted form: the first address, in
+  // getifaddrs(3) order, of an interface that is up and not a loopback. ""
+  // when there is none (a machine with only "lo").
+  static ACE_CString IPAddress();
+
+  // Sets the host name (sethostname(2); needs CAP_SYS_ADMIN in the UTS
+  // namespace). The name must be 1 to 64 characters of letters, digits,
+  // '-' and '.', not starting with '-' or '.'; otherwise false with errno
+  // EINVAL. False with a record at LM_ERROR on any failure.
+  static bool SetMachineName(const char* name);
+
+  // The available virtual figure of SystemMemoryInfoEx: the address space
+  // still free to the process, in KB (clamped at 0xFFFFFFFF).
+  static unsigned AvailableVirtualMemoryKB();
+
+  // The connected displays (MonitorProp::Enumerate with connectedOnly);
+  // returns their number, 0 on a headless machine, -1 when
+  // /sys/class/drm exists but cannot be read.
+  static int RetrieveDisplayInformation(std::vector<MonProp>& displays);
 };
 
 #endif  // COM_COMMON_OS_SYSTEMINFO_H_

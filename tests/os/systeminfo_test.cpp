@@ -5,9 +5,13 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sched.h>
+#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
 
@@ -289,6 +293,143 @@ TEST(SystemInfo, ApplicationVersion) {
   EXPECT_EQ(LM_ERROR, log.records()[0].priority);
   EXPECT_NE(std::string::npos, log.records()[0].text.find(
                                    "Unable to get file version info size."));
+}
+
+// The first line of `command`'s output.
+std::string FirstLine(const char* command) {
+  std::string out;
+  if (FILE* p = ::popen(command, "r")) {
+    char buf[1024];
+    if (std::fgets(buf, sizeof buf, p)) out = buf;
+    ::pclose(p);
+  }
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+// Runs `body` in a forked child and returns its exit code (-1 when it did
+// not exit normally).
+template <typename F>
+int InChild(F body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) ::_exit(body());
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
+    return -1;
+  return WEXITSTATUS(status);
+}
+
+constexpr int kNoPrivilege = 77;
+
+TEST(SystemInfo, ProcessorFacts) {
+  const std::string model =
+      FirstLine("sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo");
+  if (model.empty()) GTEST_SKIP() << "/proc/cpuinfo names no model";
+  EXPECT_EQ(model, SystemInfo::ProcessorNameFromRegistry().c_str());
+  const bool mmx = !FirstLine("grep -m1 -w -o mmx /proc/cpuinfo").empty();
+  EXPECT_EQ(mmx, SystemInfo::IsMMXProcessor());
+
+  CPUInfo cpu;
+  ASSERT_TRUE(SystemInfo::GetCPUInfo(cpu));
+  const unsigned mhz = SystemInfo::GetCPUSpeed();
+  EXPECT_GT(mhz, 0u);
+  const std::string line = SystemInfo::ProcessorInfo().c_str();
+  EXPECT_EQ(0u, line.find(model + ", " + cpu.vendor.c_str() + " family " +
+                          std::to_string(cpu.family)))
+      << line;
+  const std::string cores = std::to_string(cpu.physicalCores) + " cores (" +
+                            std::to_string(cpu.logicalCores) + " logical), ";
+  EXPECT_NE(std::string::npos, line.find(cores)) << line;
+  EXPECT_EQ(line.size() - 4, line.rfind(" MHz")) << line;
+}
+
+TEST(SystemInfo, OSVersion) {
+  struct utsname u;
+  ASSERT_EQ(0, ::uname(&u));
+  const std::string distro = FirstLine(
+      "sh -c '. /etc/os-release 2>/dev/null || . /usr/lib/os-release; "
+      "echo \"$ID${VERSION_ID:+ $VERSION_ID}\"'");
+  std::string want = std::string(u.sysname) + " " + u.release;
+  if (!distro.empty()) want += ", " + distro;
+  EXPECT_EQ(want, SystemInfo::OSVersion().c_str());
+}
+
+TEST(SystemInfo, IPAddressInANetworkOfItsOwn) {
+  const int code = InChild([] {
+    if (::unshare(CLONE_NEWNET) != 0) return kNoPrivilege;
+    ACE_LOG_MSG->priority_mask(0, ACE_Log_Msg::PROCESS);
+    if (SystemInfo::IPAddress() != "") return 10;  // nothing but lo, down
+    // lo up, a down interface first, then the one that counts (veth
+    // pairs: this kernel has no dummy links).
+    if (std::system("ip link set lo up && "
+                    "ip link add k0 type veth peer name k0p && "
+                    "ip addr add 10.88.0.1/24 dev k0 && "
+                    "ip link add k1 type veth peer name k1p && "
+                    "ip addr add 10.77.0.5/24 dev k1 && "
+                    "ip link set k1 up") != 0)
+      return 11;
+    if (SystemInfo::IPAddress() != "10.77.0.5") return 12;
+    if (std::system("ip link set k0 up") != 0) return 13;
+    if (SystemInfo::IPAddress() != "10.88.0.1") return 14;
+    return 0;
+  });
+  if (code == kNoPrivilege) GTEST_SKIP() << "no privilege for a namespace";
+  EXPECT_EQ(0, code);
+}
+
+TEST(SystemInfo, SetMachineNameInAUtsNamespaceOfItsOwn) {
+  const int code = InChild([] {
+    if (::unshare(CLONE_NEWUTS) != 0) return kNoPrivilege;
+    ACE_LOG_MSG->priority_mask(0, ACE_Log_Msg::PROCESS);
+    const std::string longest(64, 'a');
+    const struct {
+      std::string name;
+      bool ok;
+    } rows[] = {
+        {"archive-01", true},
+        {"pacs.example.org", true},
+        {longest, true},
+        {longest + "a", false},
+        {"", false},
+        {"-leading", false},
+        {".leading", false},
+        {"has blank", false},
+        {"under_score", false},
+    };
+    int row = 0;
+    for (const auto& r : rows) {
+      char before[256] = {0}, after[256] = {0};
+      ::gethostname(before, sizeof before);
+      errno = 0;
+      const bool done = SystemInfo::SetMachineName(r.name.c_str());
+      ::gethostname(after, sizeof after);
+      if (done != r.ok) return 20 + row;
+      if (r.ok && r.name != after) return 40 + row;
+      if (!r.ok && (errno != EINVAL || std::strcmp(before, after) != 0))
+        return 60 + row;
+      ++row;
+    }
+    return SystemInfo::SetMachineName(nullptr) ? 99 : 0;
+  });
+  if (code == kNoPrivilege) GTEST_SKIP() << "no privilege for a namespace";
+  EXPECT_EQ(0, code) << "20+row: result, 40+row: name, 60+row: errno";
+}
+
+TEST(SystemInfo, AvailableVirtualMemoryFollowsTheAddressSpaceLimit) {
+  const int code = InChild([] {
+    std::ifstream statm("/proc/self/statm");
+    unsigned long long pages = 0;
+    statm >> pages;
+    const unsigned long long used = pages * ::getpagesize();
+    const unsigned long long room = 256ull << 20;
+    struct rlimit rl = {used + room, used + room};
+    if (::setrlimit(RLIMIT_AS, &rl) != 0) return 1;
+    const unsigned long long kb = SystemInfo::AvailableVirtualMemoryKB();
+    // The limit less what is mapped now, give or take 16 MiB of growth.
+    const unsigned long long want = room >> 10;
+    return kb + (16u << 10) >= want && kb <= want ? 0 : 2;
+  });
+  EXPECT_EQ(0, code);
 }
 
 }  // namespace

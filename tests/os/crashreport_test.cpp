@@ -1,0 +1,261 @@
+#include "common/os/crashreport.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/os/internal/crashreportrules.h"
+
+#include "support/tempfolder.h"
+
+// The crashing functions have external linkage and are never inlined, so
+// the symbol table names them and the report must show them.
+// Read at run time, so the compiler cannot see (and drop) the null store.
+volatile uintptr_t g_comCrashAddress = 0;
+
+__attribute__((noinline)) void ComCrashNullWrite() {
+  volatile int* target = reinterpret_cast<volatile int*>(g_comCrashAddress);
+  *target = 42;
+  asm volatile("");
+}
+
+__attribute__((noinline)) void ComCrashAbort() {
+  std::abort();
+  asm volatile("");
+}
+
+__attribute__((noinline)) void ComCrashThrow() {
+  throw std::runtime_error("volume went away");
+}
+
+__attribute__((noinline)) int ComCrashDivide(int by) {
+  volatile int divisor = by;
+  const int result = 1000 / divisor;
+  asm volatile("");
+  return result;
+}
+
+// Unbounded recursion: the handler must run on its alternate stack.
+volatile int g_comCrashDepthLimit = -1;  // never reached
+
+__attribute__((noinline)) int ComCrashRecurse(int depth) {
+  if (depth == g_comCrashDepthLimit) return 0;
+  volatile char frame[256];
+  frame[0] = static_cast<char>(depth);
+  return ComCrashRecurse(depth + 1) + frame[0];
+}
+
+// A thread of its own, with no handler up its stack: the exception cannot
+// be caught anywhere and std::terminate runs with the thrower still on the
+// stack.
+extern "C" void* ComCrashThreadMain(void*) {
+  ComCrashThrow();
+  return nullptr;
+}
+
+__attribute__((noinline)) void ComCrashUncaught() {
+  pthread_t t;
+  if (pthread_create(&t, nullptr, ComCrashThreadMain, nullptr) == 0)
+    pthread_join(t, nullptr);
+}
+
+namespace {
+
+using CrashReportRules::Writer;
+
+// The crashing children need the signals to themselves.
+#if defined(__SANITIZE_ADDRESS__)
+#define SKIP_UNDER_SANITIZERS()                                           \
+  GTEST_SKIP() << "AddressSanitizer keeps its own handler for the fatal " \
+                  "signals: it reports the fault itself and exits with "  \
+                  "status 1, so the child never dies of the signal"
+#elif defined(__SANITIZE_THREAD__)
+#define SKIP_UNDER_SANITIZERS()                                             \
+  GTEST_SKIP() << "ThreadSanitizer still counts the forked symbolising "    \
+                  "child as inside the signal handler and stops it at its " \
+                  "first allocation, so the stack stays unsymbolised"
+#else
+#define SKIP_UNDER_SANITIZERS() \
+  do {                          \
+  } while (0)
+#endif
+
+TEST(CrashReportRules, WriterFormatsWithoutAllocating) {
+  char buf[64];
+  Writer w(buf, sizeof buf);
+  w.Dec(0).Text(" ").Dec(18446744073709551615ull).Text(" ").Hex(0);
+  w.Text(" ").Hex(0xDEADBEEFull).Text(" ").Pad(7, 3).Text(" ").Pad(12345, 2);
+  EXPECT_STREQ("0 18446744073709551615 0x0 0xdeadbeef 007 12345", w.data());
+  EXPECT_EQ(std::strlen(buf), w.size());
+
+  char small[8];
+  Writer cut(small, sizeof small);
+  cut.Text("abcdefghij").Dec(99);
+  EXPECT_STREQ("abcdefg", cut.data());  // cut off, still terminated
+  cut.Clear();
+  cut.Hex(0xFFFFFFFFFFFFFFFFull);
+  EXPECT_STREQ("0xfffff", cut.data());
+}
+
+TEST(CrashReportRules, UtcTimeAgreesWithGmtime) {
+  // Leap days, century years and the far side of the epoch included.
+  std::vector<int64_t> times = {0,          -1,          951782400,
+                                951868799,  4107542399,  4107542400,
+                                1709251199, -2208988800, 253402300799};
+  for (int64_t t = -4000000000LL; t < 8000000000LL; t += 86399 * 37 + 11)
+    times.push_back(t);
+  for (int64_t t : times) {
+    SCOPED_TRACE(t);
+    const time_t tt = static_cast<time_t>(t);
+    struct tm g;
+    ASSERT_NE(nullptr, gmtime_r(&tt, &g));
+    const CrashReportRules::UtcTime u = CrashReportRules::ToUtc(t);
+    EXPECT_EQ(g.tm_year + 1900, u.year);
+    EXPECT_EQ(static_cast<unsigned>(g.tm_mon + 1), u.month);
+    EXPECT_EQ(static_cast<unsigned>(g.tm_mday), u.day);
+    EXPECT_EQ(static_cast<unsigned>(g.tm_hour), u.hour);
+    EXPECT_EQ(static_cast<unsigned>(g.tm_min), u.minute);
+    EXPECT_EQ(static_cast<unsigned>(g.tm_sec), u.second);
+  }
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in),
+                     std::istreambuf_iterator<char>());
+}
+
+// The report files of `folder`.
+std::vector<std::string> Reports(const std::string& folder) {
+  std::vector<std::string> found;
+  for (const auto& e : std::filesystem::directory_iterator(folder)) {
+    const std::string name = e.path().filename().string();
+    if (name.find("_crash_") != std::string::npos) found.push_back(e.path());
+  }
+  return found;
+}
+
+// Runs `crash` in a child with the filter installed (twice: the second
+// folder must be ignored) and returns its wait status; -1 if it had to be
+// killed. No core files: the limit is 0 in the child.
+int CrashChild(void (*crash)(), const std::string& folder,
+               const std::string& otherFolder, const std::string& logPath) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    struct rlimit none = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &none);
+    // The log goes to stderr; keep it beside the reports.
+    const int err = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (err >= 0) ::dup2(err, STDERR_FILENO);
+    if (!CUnhandleExceptionFilter::Install(folder.c_str())) ::_exit(3);
+    if (!CUnhandleExceptionFilter::Install(otherFolder.c_str())) ::_exit(4);
+    if (CUnhandleExceptionFilter::ReportFolder() != folder.c_str()) ::_exit(5);
+    crash();
+    ::_exit(6);
+  }
+  if (pid < 0) return -1;
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  int status = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return status;
+}
+
+void NullWrite() { ComCrashNullWrite(); }
+void Abort() { ComCrashAbort(); }
+void Uncaught() { ComCrashUncaught(); }
+void Divide() { ComCrashDivide(0); }
+void Overflow() { ComCrashRecurse(0); }
+
+TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
+  SKIP_UNDER_SANITIZERS();
+  const struct {
+    const char* name;
+    void (*crash)();
+    int signal;
+    const char* function;
+    const char* extra;  // another line the report must hold
+  } rows[] = {
+      {"null write", NullWrite, SIGSEGV, "ComCrashNullWrite",
+       "(SIGSEGV), code 1, fault address 0x0\n"},
+      {"abort", Abort, SIGABRT, "ComCrashAbort", "(SIGABRT), code -6\n"},
+      {"uncaught exception", Uncaught, SIGABRT, "ComCrashThrow",
+       "reason: uncaught exception of type std::runtime_error: volume went "
+       "away\n"},
+      {"division by zero", Divide, SIGFPE, "ComCrashDivide",
+       "(SIGFPE), code 1, fault address 0x"},
+      {"stack overflow", Overflow, SIGSEGV, "ComCrashRecurse(int)",
+       "(SIGSEGV), code "},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    testsupport::TempFolder folder, other;
+    ASSERT_TRUE(folder.ok() && other.ok());
+    const int status = CrashChild(r.crash, folder.path(), other.path(),
+                                  folder.File("stderr.log"));
+    ASSERT_NE(-1, status) << "the child hung";
+    ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
+    EXPECT_EQ(r.signal, WTERMSIG(status));
+    EXPECT_FALSE(WCOREDUMP(status));  // the limit was 0
+
+    EXPECT_TRUE(Reports(other.path()).empty());
+    const std::vector<std::string> reports = Reports(folder.path());
+    ASSERT_EQ(1u, reports.size());
+    const std::string report = ReadFile(reports[0]);
+    EXPECT_NE(std::string::npos, report.find(r.extra)) << report;
+    EXPECT_NE(std::string::npos, report.find(r.function)) << report;
+    EXPECT_NE(std::string::npos, report.find("library version: 1.")) << report;
+    EXPECT_NE(std::string::npos, report.find("stack (raw):\n  #0 0x"))
+        << report;
+    EXPECT_EQ(std::string::npos, report.find("not symbolised")) << report;
+    // The process id in the file name is the one in the report.
+    const std::string file = std::filesystem::path(reports[0]).filename();
+    const size_t at = file.find("_crash_") + 7;
+    const std::string pid = file.substr(at, file.find('_', at) - at);
+    EXPECT_NE(std::string::npos, report.find("process: " + pid + " (")) << file;
+    // The same report went to the log.
+    const std::string log = ReadFile(folder.File("stderr.log"));
+    EXPECT_NE(std::string::npos, log.find(r.function)) << log;
+    EXPECT_NE(std::string::npos, log.find(reports[0])) << log;
+  }
+}
+
+TEST(CUnhandleExceptionFilter, WithoutAFolderTheReportGoesToStderr) {
+  SKIP_UNDER_SANITIZERS();
+  testsupport::TempFolder temp;
+  const std::string missing = temp.File("no-such-folder");
+  const int status =
+      CrashChild(NullWrite, missing, missing, temp.File("stderr.log"));
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(SIGSEGV, WTERMSIG(status));
+  const std::string log = ReadFile(temp.File("stderr.log"));
+  EXPECT_NE(std::string::npos, log.find("signal: 11 (SIGSEGV)")) << log;
+  EXPECT_NE(std::string::npos, log.find("ComCrashNullWrite")) << log;
+  EXPECT_NE(std::string::npos, log.find("crash report not written")) << log;
+}
+
+}  // namespace

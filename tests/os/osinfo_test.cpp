@@ -1,0 +1,183 @@
+#include "common/os/osinfo.h"
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <sys/utsname.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/os/internal/osinforules.h"
+
+namespace {
+
+std::string Shell(const char* command) {
+  std::string out;
+  if (FILE* p = ::popen(command, "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    ::pclose(p);
+  }
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+TEST(OSInfoRules, CompareVersions) {
+  const int kNone = OSInfoRules::kNotComparable;
+  const struct {
+    const char* actual;
+    const char* wanted;
+    int result;
+  } rows[] = {
+      {"6.1.0-18-amd64", "6", 0},
+      {"6.1.0-18-amd64", "6.1", 0},
+      {"6.1.0-18-amd64", "6.1.0", 0},
+      {"6.1.0-18-amd64", "6.1.0.0", 0},  // missing numbers are 0
+      {"6.1.0-18-amd64", "5.15", 1},
+      {"6.1.0-18-amd64", "6.2", -1},
+      {"6.1.0-18-amd64", "6.1.1", -1},
+      {"6.1.0-18-amd64", "7", -1},
+      {"6.10.3", "6.9", 1},  // by value, not as text
+      {"6.9", "6.10", -1},
+      {"6.01", "6.1", 0},
+      {"12", "12.4", -1},
+      {"12.4", "12", 0},
+      {"12.4", "12.10", -1},
+      {"5.4.0-rc2", "5.4", 0},
+      {"5.4-rc2", "5.4.1", -1},  // "-rc2" ends the numbers
+      {"6.1.", "6.1", 0},
+      {"4.19.0+", "4.19.0", 0},
+      {"6.1", "6.1-x", 0},
+      {"", "6", kNone},
+      {nullptr, "6", kNone},
+      {"6.1", "", kNone},
+      {"6.1", nullptr, kNone},
+      {"6.1", "v6", kNone},
+      {"rolling", "1", kNone},
+      {"99999999999", "1", kNone},  // beyond 32 bits
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::string(r.actual ? r.actual : "(null)") + " vs " +
+                 (r.wanted ? r.wanted : "(null)"));
+    EXPECT_EQ(r.result, OSInfoRules::CompareVersions(r.actual, r.wanted));
+  }
+}
+
+TEST(OsVersionInfo, Comparisons) {
+  const SystemUtilCommon::OsVersionInfo v("6.1.0-18-amd64", "12");
+  const struct {
+    bool kernel;
+    const char* wanted;
+    bool equal, atLeast, below;
+  } rows[] = {
+      {true, "6.1", true, true, false},    {true, "6", true, true, false},
+      {true, "5.10", false, true, false},  {true, "6.2", false, false, true},
+      {true, "6.1.5", false, false, true}, {true, "x", false, false, false},
+      {false, "12", true, true, false},    {false, "11", false, true, false},
+      {false, "13", false, false, true},   {false, "12.1", false, false, true},
+      {false, "", false, false, false},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::string(r.kernel ? "kernel " : "distribution ") +
+                 r.wanted);
+    if (r.kernel) {
+      EXPECT_EQ(r.equal, v.IsKernelEqual(r.wanted));
+      EXPECT_EQ(r.atLeast, v.IsKernelAtLeast(r.wanted));
+      EXPECT_EQ(r.below, v.IsKernelBelow(r.wanted));
+    } else {
+      EXPECT_EQ(r.equal, v.IsDistributionEqual(r.wanted));
+      EXPECT_EQ(r.atLeast, v.IsDistributionAtLeast(r.wanted));
+      EXPECT_EQ(r.below, v.IsDistributionBelow(r.wanted));
+    }
+  }
+  // A rolling distribution has no version: nothing matches it.
+  const SystemUtilCommon::OsVersionInfo rolling("6.5.0", nullptr);
+  EXPECT_FALSE(rolling.IsDistributionAtLeast("1"));
+  EXPECT_FALSE(rolling.IsDistributionBelow("1"));
+  EXPECT_TRUE(rolling.IsKernelAtLeast("6.5"));
+}
+
+TEST(OSInfoRules, OsReleaseValue) {
+  const std::string text =
+      "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
+      "NAME='Debian \\GNU'\n"
+      "VERSION_ID=\"12\"\n"
+      "VERSION=\"12 (bookworm)\"  \n"
+      "ID=debian\n"
+      "HOME_URL=\"a \\\"quoted\\\" word\"\n"
+      "#ID=commented\n"
+      "ID_LIKE=\n"
+      "BUILD_ID=one\n"
+      "BUILD_ID=two\n";
+  const struct {
+    const char* key;
+    const char* value;
+  } rows[] = {
+      {"PRETTY_NAME", "Debian GNU/Linux 12 (bookworm)"},
+      {"NAME", "Debian \\GNU"},  // single quotes keep backslashes
+      {"VERSION_ID", "12"},
+      {"VERSION", "12 (bookworm)"},
+      {"ID", "debian"},
+      {"HOME_URL", "a \"quoted\" word"},
+      {"ID_LIKE", ""},
+      {"BUILD_ID", "two"},
+      {"VARIANT", ""},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.key);
+    EXPECT_EQ(r.value, OSInfoRules::OsReleaseValue(text, r.key));
+  }
+}
+
+TEST(OSInfo, RecordOfThisMachine) {
+  const OSVERSIONRECORD r = OSInfo::GetOSInfoEx();
+  struct utsname u;
+  ASSERT_EQ(0, ::uname(&u));
+  EXPECT_STREQ(u.release, r.release.c_str());
+  EXPECT_STREQ(u.sysname, r.sysName.c_str());
+  EXPECT_STREQ(u.machine, r.machine.c_str());
+  unsigned major = 0, minor = 0, patch = 0;
+  std::sscanf(u.release, "%u.%u.%u", &major, &minor, &patch);
+  EXPECT_EQ(major, r.dwMajorVersion);
+  EXPECT_EQ(minor, r.dwMinorVersion);
+  EXPECT_EQ(patch, r.dwBuildNumber);
+  // The shell reads os-release as the file is meant to be read.
+  const char* file = ::access("/etc/os-release", R_OK) == 0
+                         ? "/etc/os-release"
+                         : "/usr/lib/os-release";
+  const std::string read = std::string("sh -c '. ") + file +
+                           " && printf \"%s|%s\" \"$ID\" \"$VERSION_ID\"'";
+  EXPECT_EQ(Shell(read.c_str()), std::string(r.distributionId.c_str()) + "|" +
+                                     r.distributionVersion.c_str());
+
+  const SystemUtilCommon::OsVersionInfo mine;
+  EXPECT_STREQ(u.release, mine.KernelRelease().c_str());
+  EXPECT_TRUE(mine.IsKernelEqual(u.release));
+  EXPECT_TRUE(mine.IsKernelAtLeast("2.6"));
+  EXPECT_FALSE(mine.IsKernelBelow(u.release));
+}
+
+TEST(OSInfo, ManyThreadsReadTheRecordAtOnce) {
+  // The record is shared and refreshed on every call: concurrent readers
+  // must each get a whole, consistent copy.
+  struct utsname u;
+  ASSERT_EQ(0, ::uname(&u));
+  const std::string release = u.release;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) {
+        const OSVERSIONRECORD r = OSInfo::GetOSInfoEx();
+        if (release != r.release.c_str() || r.dwMajorVersion == 0) ++wrong;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(0, wrong.load());
+}
+
+}  // namespace
