@@ -12,6 +12,7 @@
 #include <functional>
 #include <linux/loop.h>
 #include <memory>
+#include <random>
 #include <sched.h>
 #include <sstream>
 #include <string>
@@ -211,8 +212,27 @@ class VolumeUtilsTest : public ::testing::Test {
   TempFolder folder_;
 };
 
-const char kExt4Uuid[] = "3f0c2a51-7e1d-4c55-9b8e-0a1b2c3d4e5f";
-const char kVfatId[] = "1a2b3c4d";
+// Loop devices are machine-wide and the suite's cases run as parallel
+// processes: each process names its images with UUIDs of its own, so two
+// cases never see each other's volumes under one name.
+std::uint32_t ProcessTag() {
+  static const std::uint32_t tag = std::random_device{}();
+  return tag;
+}
+std::string TestUuid(unsigned index) {
+  char uuid[40];
+  std::snprintf(uuid, sizeof uuid, "%08x-%04x-4000-8000-%012x", ProcessTag(),
+                index & 0xffffu, index);
+  return uuid;
+}
+std::string TestVfatId() {
+  char id[16];
+  std::snprintf(id, sizeof id, "%08x", ProcessTag());
+  return id;
+}
+
+const std::string kExt4Uuid = TestUuid(1);
+const std::string kVfatId = TestVfatId();
 
 TEST(VolumeRules, NamesAndUnmountErrors) {
   struct {
@@ -337,7 +357,7 @@ TEST_F(VolumeUtilsTest, ListsFatVolumeByItsVolumeId) {
   if (!vfat) GTEST_SKIP() << "no loop device";
   std::vector<ACE_CString> out;
   K::listVolumes(out, true, true);
-  EXPECT_TRUE(Contains(Strings(out), "UUID=1A2B-3C4D"));
+  EXPECT_TRUE(Contains(Strings(out), VfatName(kVfatId)));
   EXPECT_FALSE(Contains(Strings(out), vfat->device())) << "named by device";
 }
 
@@ -345,7 +365,7 @@ TEST_F(VolumeUtilsTest, ListsFatVolumeByItsVolumeId) {
 // so; as the nearest real thing, a child in a mount namespace of its own
 // bind-mounts a file reading "1" over the device's sysfs "removable".
 TEST_F(VolumeUtilsTest, RemovableMediaLeftOutOfFixedList) {
-  const char kRemovableUuid[] = "6b1d3e5f-2a4c-4e6a-8c0e-1f3a5c7e9b2d";
+  const std::string kRemovableUuid = TestUuid(2);
   auto ext4 = Ext4(kExt4Uuid);
   auto removable = Ext4(kRemovableUuid);
   if (!ext4 || !removable) GTEST_SKIP() << "no loop device or mkfs.ext4";
@@ -442,7 +462,7 @@ TEST_F(VolumeUtilsTest, IteratorStepsToTheEnd) {
 
 TEST_F(VolumeUtilsTest, MountsAndUnmounts) {
   // Two ext4 volumes: this kernel may lack vfat, whose mount would fail.
-  const char kOtherUuid[] = "9d8c7b6a-5f4e-4d3c-8b2a-1f0e9d8c7b6a";
+  const std::string kOtherUuid = TestUuid(3);
   auto ext4 = Ext4(kExt4Uuid);
   auto other = Ext4(kOtherUuid);
   if (!ext4 || !other) GTEST_SKIP() << "no loop device or mkfs.ext4";
@@ -556,8 +576,7 @@ TEST_F(VolumeUtilsTest, ListsSixteenVolumes) {
   std::vector<std::unique_ptr<LoopVolume>> volumes;
   std::vector<std::string> names;
   for (int i = 0; i < 16; ++i) {
-    char uuid[64];
-    std::snprintf(uuid, sizeof uuid, "5e1f0000-0000-4000-8000-%012d", i);
+    const std::string uuid = TestUuid(100 + i);
     auto v = Ext4(uuid);
     if (!v) GTEST_SKIP() << "not enough loop devices or no mkfs.ext4";
     volumes.push_back(std::move(v));
