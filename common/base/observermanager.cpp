@@ -17,7 +17,7 @@
 // its posts. Shared by the manager's table (one reference) and by every
 // post in flight (one each), and deleted by whoever lets go of it last, so
 // a post never holds the manager lock while it waits for the entry lock.
-struct ObserverManager::Entry {
+struct alignas(64) ObserverManager::Entry {  // no line shared between two
   ACE_Recursive_Thread_Mutex lock;
   // Under `lock`.
   std::map<Observer*, unsigned int> subscribers;
@@ -61,7 +61,7 @@ class ObserverManager::ManagerGuard {
 
 namespace {
 
-constexpr int kStripeBits = 6;
+constexpr int kStripeBits = 8;
 constexpr std::size_t kStripes = std::size_t{1} << kStripeBits;
 constexpr std::size_t kInlineSubscribers = 8;
 
