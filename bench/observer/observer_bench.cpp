@@ -8,8 +8,11 @@
 #include <Poco/Notification.h>
 #include <Poco/NotificationCenter.h>
 #include <boost/signals2.hpp>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include <ace/Log_Msg.h>
@@ -157,6 +160,16 @@ void FunctionVectorPublish(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A server has many threads, and glibc drops the bus lock from its mutexes
+  // while a process has only one: a parked thread keeps every run, the
+  // single-threaded ones too, on the multi-threaded path.
+  std::mutex park_mu;
+  std::condition_variable park_cv;
+  bool done = false;
+  std::thread parked([&] {
+    std::unique_lock<std::mutex> lock(park_mu);
+    park_cv.wait(lock, [&] { return done; });
+  });
   // Every Observable and Observer logs its birth at LM_DEBUG.
   ACE_LOG_MSG->priority_mask(
       ACE_LOG_MSG->priority_mask(ACE_Log_Msg::PROCESS) & ~LM_DEBUG,
@@ -188,5 +201,11 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
+  {
+    std::lock_guard<std::mutex> lock(park_mu);
+    done = true;
+  }
+  park_cv.notify_one();
+  parked.join();
   return 0;
 }
