@@ -14,9 +14,12 @@
 #include "common/base/internal/singletonlock.h"
 
 // One registered observable: its subscribers and the lock that serialises
-// its posts. Shared by the manager's table (one reference) and by every
-// post in flight (one each), and deleted by whoever lets go of it last, so
-// a post never holds the manager lock while it waits for the entry lock.
+// its posts. Held by the manager's table (one reference) and by every post
+// that has to wait for the entry lock (one each), and deleted by whoever
+// lets go of it last, so a post never holds the manager lock while it
+// waits. A post that gets the lock at once takes no reference: the table's
+// reference is only dropped under the entry lock, and while this thread is
+// delivering on the entry, the outermost delivery drops it on the way out.
 struct alignas(64) ObserverManager::Entry {  // no line shared between two
   ACE_Recursive_Thread_Mutex lock;
   // Under `lock`.
@@ -24,6 +27,8 @@ struct alignas(64) ObserverManager::Entry {  // no line shared between two
   std::vector<Observer*> order;  // the keys of `subscribers`, ascending
   unsigned long changes = 0;     // bumped whenever `subscribers` changes
   bool gone = false;             // the observable has detached
+  int posting = 0;               // deliveries running (one thread, nested)
+  bool drop_on_exit = false;     // the table's reference, left to them
   std::atomic<int> refs{1};
 
   void Changed() {
@@ -162,29 +167,56 @@ ObserverManager::Entry* ObserverManager::LockEntry(Observable* o) {
   }
 }
 
-// o's entry with a reference taken, or null. Registered observables are
-// found through the stripes without the manager lock; an unknown address
-// goes to the manager's table, which keeps a null entry for it.
-ObserverManager::Entry* ObserverManager::FindForPost(Observable* o) {
+// o's entry with its lock held, or null. Registered observables are found
+// through the stripes without the manager lock; an unknown address goes to
+// the manager's table, which keeps a null entry for it. `referenced` tells
+// whether a reference was taken (the entry was busy and had to be waited
+// for outside the stripe and manager locks).
+ObserverManager::Entry* ObserverManager::LockForPost(Observable* o,
+                                                     bool* referenced) {
+  Entry* e = nullptr;
   {
     Stripe& s = stripes_[StripeOf(o)];
     std::lock_guard<std::mutex> guard(s.mu);
     for (const auto& slot : s.slots) {
       if (slot.first == o) {
-        slot.second->refs.fetch_add(1, std::memory_order_relaxed);
-        return slot.second;
+        e = slot.second;
+        break;
       }
     }
+    if (e != nullptr) {
+      *referenced = e->lock.tryacquire() != 0;
+      if (!*referenced) return e;
+      e->refs.fetch_add(1, std::memory_order_relaxed);
+    }
   }
-  ManagerGuard guard(this);
-  Entry* e = observables_[o];
-  if (e != nullptr) e->refs.fetch_add(1, std::memory_order_relaxed);
+  if (e == nullptr) {
+    ManagerGuard guard(this);
+    e = observables_[o];
+    if (e == nullptr) return nullptr;
+    e->refs.fetch_add(1, std::memory_order_relaxed);
+    *referenced = true;
+  }
+  e->lock.acquire();
   return e;
 }
 
+// Called with the manager lock and e's lock held, once e has left the
+// table: the table's reference goes now, or when this thread's deliveries
+// on e have unwound.
+void ObserverManager::DropTableReference(Entry* e) {
+  if (e->posting > 0) {
+    e->drop_on_exit = true;
+    e->lock.release();
+    return;
+  }
+  e->lock.release();
+  Unref(e);
+}
+
+// Called with e's lock held.
 void ObserverManager::Deliver(Observable* o, Entry* e, unsigned int event,
                               void* data, bool trace) {
-  ACE_GUARD(ACE_Recursive_Thread_Mutex, guard, e->lock);
   if (e->gone) return;
   // Handlers may subscribe and unsubscribe on this thread: walk a copy, and
   // once the table has changed, call only those still subscribed.
@@ -215,13 +247,17 @@ void ObserverManager::RegisterObservable(Observable* o) {
         (LM_DEBUG, "ObserverManager::RegisterObservable(%s)\n", o->GetpName()));
   }
   ManagerGuard guard(this);
+  // A previous entry for this address is retired as a detaching observable's
+  // is, once the posts running on it are done (without their goodbye).
+  Entry* old = LockEntry(o);
   Entry* fresh = new Entry;
-  Entry*& slot = observables_[o];
-  Entry* old = slot;
-  slot = fresh;
+  observables_[o] = fresh;
   IndexInsert(o, fresh);
-  // Posts still running on the old entry finish with it.
-  if (old != nullptr) Unref(old);
+  if (old != nullptr) {
+    old->gone = true;
+    ++old->changes;
+    DropTableReference(old);
+  }
   if (trace_.load(std::memory_order_relaxed)) {
     COM_LOG((LM_DEBUG, "  %d Observables Registered\n",
              static_cast<int>(observables_.size())));
@@ -274,10 +310,15 @@ void ObserverManager::PostEvent(Observable* o, unsigned int event, void* data) {
     COM_LOG((LM_DEBUG, "ObserverManager::PostEvent(%s,%d)\n", o->GetpName(),
              event));
   }
-  Entry* e = FindForPost(o);
+  bool referenced = false;
+  Entry* e = LockForPost(o, &referenced);
   if (e == nullptr) return;
+  ++e->posting;
   Deliver(o, e, event, data, trace);
-  Unref(e);
+  const bool drop = --e->posting == 0 && e->drop_on_exit;
+  e->lock.release();  // e may be gone from here on, unless referenced
+  if (referenced) Unref(e);
+  if (drop) Unref(e);
 }
 
 void ObserverManager::PostEvent(Observable* o, unsigned int event, Observer* w,
@@ -326,8 +367,7 @@ void ObserverManager::ObservableDetaching(Observable* o) {
   ++e->changes;
   observables_.erase(o);
   IndexErase(o);
-  e->lock.release();
-  Unref(e);
+  DropTableReference(e);
   if (trace_.load(std::memory_order_relaxed)) {
     COM_LOG((LM_DEBUG, "  %d Observables Registered\n",
              static_cast<int>(observables_.size())));

@@ -96,9 +96,10 @@ class COM_EXPORT ObserverManager {
   ObserverManager& operator=(const ObserverManager&) = delete;
 
   Entry* LockEntry(Observable* o);
-  Entry* FindForPost(Observable* o);
+  Entry* LockForPost(Observable* o, bool* referenced);
   void Deliver(Observable* o, Entry* e, unsigned int event, void* data,
                bool trace);
+  static void DropTableReference(Entry* e);
   void IndexInsert(Observable* o, Entry* e);
   void IndexErase(Observable* o);
   static void Unref(Entry* e);

@@ -386,6 +386,30 @@ TEST(ObserverManager, HandlerDestroyingAnotherObserverSkipsIt) {
   }
 }
 
+TEST(ObserverManager, HandlerDestroyingTheObservableEndsTheDelivery) {
+  auto* o = new Observable("o");
+  Recorder a("a"), b("b");
+  a.Observe(o, 1);
+  b.Observe(o, 1);
+  Recorder* first = std::min(&a, &b);
+  Recorder* second = std::max(&a, &b);
+  first->set_action([&o](Observable*, unsigned int event) {
+    if (event == 1) {
+      delete o;
+      o = nullptr;
+    }
+  });
+  o->PostEvent(1, nullptr);
+  ASSERT_EQ(nullptr, o);
+  auto events = [](const Recorder& w) {
+    std::vector<unsigned int> out;
+    for (const Call& c : w.calls()) out.push_back(c.event);
+    return out;
+  };
+  EXPECT_EQ((std::vector<unsigned int>{1, 0}), events(*first));
+  EXPECT_EQ((std::vector<unsigned int>{0}), events(*second));
+}
+
 TEST(ObserverManager, HandlerMayPostObserveAndDetachOnItsThread) {
   Observable a("a"), b("b");
   Recorder on_b("on_b"), relay("relay"), late("late");
