@@ -1,0 +1,4 @@
+#include "common/base/publisher.h"
+
+template class Subscriber<int, char*>;
+template class Publisher<int, char*, std::less<int>>;
