@@ -36,6 +36,33 @@ inline bool WaitUntil(const std::function<bool()>& condition,
   return true;
 }
 
+// Calls `get` from 8 threads released at once; answers what each saw.
+template <class T>
+std::vector<T*> RaceCalls(T* (*get)()) {
+  const int kThreads = 8;
+  std::atomic<int> waiting{kThreads};
+  std::vector<T*> seen(kThreads, nullptr);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      --waiting;
+      while (waiting.load() > 0) std::this_thread::yield();
+      seen[i] = get();
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  return seen;
+}
+
+// Entries of ActiveObj's registry under `name`.
+inline int Registered(const char* name) {
+  int found = 0;
+  for (const auto& entry : ActiveObj::getAllSchedulers()) {
+    if (entry.first == name) ++found;
+  }
+  return found;
+}
+
 // A request that runs `body` on the worker and answers its result. Its
 // destructor bumps `*deaths` when given.
 class CallRequest : public MethodRequest {
