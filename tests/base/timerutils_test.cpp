@@ -48,18 +48,4 @@ TEST(TimerUtils, GuardLogsTheScopeWithTheDoubledUnit) {
   EXPECT_GE(std::stoi(match[1]) * 1000 + std::stoi(match[2]), 30);
 }
 
-TEST(TimerUtils, TimerToStringReadsTheStoppedTimer) {
-  ACE_High_Res_Timer timer;
-  timer.start();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  timer.stop();
-  const std::string first = TimerUtils::timerToString(timer).c_str();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(first, TimerUtils::timerToString(timer).c_str());
-  std::smatch match;
-  ASSERT_TRUE(std::regex_match(first, match, std::regex(R"((\d+)\.(\d{3}) s)")))
-      << first;
-  EXPECT_GE(std::stoi(match[1]) * 1000 + std::stoi(match[2]), 20);
-}
-
 }  // namespace
