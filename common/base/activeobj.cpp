@@ -39,19 +39,6 @@ ACE_Thread_Mutex& RegistryLock() {
 
 std::atomic<bool> g_logging{true};
 
-// A queued request: the block refers to the request without owning it.
-class RequestBlock : public ACE_Message_Block {
- public:
-  RequestBlock(MethodRequest& request, Kelvane::CommandPriority priority)
-      : ACE_Message_Block(
-            1,
-            priority == Kelvane::TOP_PRIORITY ? ACE_Message_Block::MB_PROTO
-                                              : ACE_Message_Block::MB_USER,
-            nullptr, reinterpret_cast<const char*>(&request), nullptr, nullptr,
-            static_cast<unsigned long>(priority), ACE_Time_Value::zero,
-            ACE_Time_Value::max_time, nullptr, nullptr) {}
-};
-
 bool IsRequest(const ACE_Message_Block* block) {
   return block->msg_type() == ACE_Message_Block::MB_USER ||
          block->msg_type() == ACE_Message_Block::MB_PROTO;
@@ -222,14 +209,15 @@ int ActiveObj::run(int threadCount, int threadPriority) {
 
 void ActiveObj::insert(MethodRequest& request,
                        Kelvane::CommandPriority priority) {
-  RequestBlock* block = new RequestBlock(request, priority);
-  // enqueue_prio answers the count after the insertion, taken under the
-  // queue's lock: one less is the count this insertion found.
-  const int after = msg_queue()->enqueue_prio(block);
-  if (after == -1) {
-    block->release();
-    return;
-  }
+  // The block refers to the request without owning it. The queue answers
+  // the count after the insertion, taken under its lock: one less is the
+  // count this insertion found.
+  const int after = QueueOf(this)->EnqueueData(
+      reinterpret_cast<const char*>(&request),
+      priority == Kelvane::TOP_PRIORITY ? ACE_Message_Block::MB_PROTO
+                                        : ACE_Message_Block::MB_USER,
+      static_cast<unsigned long>(priority));
+  if (after == -1) return;
   const unsigned int before = static_cast<unsigned int>(after - 1);
   if (before >= queueWarningThreshold_ && (before & kWarningStep) == 0) {
     COM_LOG((LM_CRITICAL,
@@ -244,9 +232,14 @@ int ActiveObj::svc() {
   if (disablePriorityBoost_.load()) Kelvane::DisableThreadPriorityBoost();
   COM_LOG((LM_STARTUP, "ActiveObj [%s]: Running.\n", name_.c_str()));
 
+  Kelvane::internal::RequestQueue* queue = QueueOf(this);
+  // The block of the request run last goes back to the queue for reuse
+  // when the next one is taken.
+  ACE_Message_Block* spent = nullptr;
   for (;;) {
     ACE_Message_Block* block = nullptr;
-    if (getq(block) == -1) return 0;
+    if (queue->DequeueHead(block, spent) == -1) return 0;
+    spent = nullptr;
     if (block->msg_type() == ACE_Message_Block::MB_HANGUP) {
       // A graceful hang-up fresh from stop() only moves behind the queued
       // work that is still to run, also when there is one worker to run it.
@@ -262,9 +255,8 @@ int ActiveObj::svc() {
       return 0;
     }
     if (IsRequest(block)) {
-      MethodRequest* request = RequestOf(block);
-      block->release();
-      RunRequest(request);
+      spent = block;
+      RunRequest(RequestOf(block));
     } else {
       block->release();
     }

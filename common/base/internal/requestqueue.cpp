@@ -1,17 +1,37 @@
 #include "common/base/internal/requestqueue.h"
 
+#include <cerrno>
+
 #include <ace/Guard_T.h>
 #include <ace/Message_Block.h>
 
 namespace Kelvane {
 namespace internal {
 
+namespace {
+
+// Spent blocks kept for reuse; more are released.
+const size_t kMaxSpare = 1024;
+
+}  // namespace
+
 RequestQueue::RequestQueue()
-    : front_(0), frontEnd_(nullptr), unindexed_(false) {
+    : front_(0),
+      frontEnd_(nullptr),
+      unindexed_(false),
+      spare_(nullptr),
+      spareCount_(0) {
   levels_.reserve(8);
 }
 
-RequestQueue::~RequestQueue() = default;
+RequestQueue::~RequestQueue() {
+  while (spare_ != nullptr) {
+    ACE_Message_Block* next = spare_->next();
+    spare_->next(nullptr);
+    spare_->release();
+    spare_ = next;
+  }
+}
 
 void RequestQueue::LinkAfter(ACE_Message_Block* before,
                              ACE_Message_Block* item) {
@@ -206,6 +226,58 @@ ACE_Message_Block* RequestQueue::TakeAll() {
   ResetIfEmpty();
   signal_enqueue_waiters();
   return first;
+}
+
+int RequestQueue::EnqueueData(const char* data,
+                              ACE_Message_Block::ACE_Message_Type type,
+                              unsigned long priority) {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+  if (state_ == ACE_Message_Queue_Base::DEACTIVATED) {
+    errno = ESHUTDOWN;
+    return -1;
+  }
+  if (wait_not_full_cond(nullptr) == -1) return -1;
+
+  ACE_Message_Block* block = spare_;
+  if (block != nullptr) {
+    spare_ = block->next();
+    --spareCount_;
+    block->next(nullptr);
+    block->msg_type(type);
+    block->msg_priority(priority);
+    block->base(const_cast<char*>(data), 1, ACE_Message_Block::DONT_DELETE);
+  } else {
+    block = new ACE_Message_Block(1, type, nullptr, data, nullptr, nullptr,
+                                  priority, ACE_Time_Value::zero,
+                                  ACE_Time_Value::max_time, nullptr, nullptr);
+  }
+  const int count = enqueue_i(block);
+  if (count == -1) {
+    block->release();
+    return -1;
+  }
+  // No notification strategy is ever set on this queue.
+  return count;
+}
+
+int RequestQueue::DequeueHead(ACE_Message_Block*& item,
+                              ACE_Message_Block* spent) {
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+  if (spent != nullptr) {
+    if (spareCount_ < kMaxSpare) {
+      spent->next(spare_);
+      spare_ = spent;
+      ++spareCount_;
+    } else {
+      spent->release();
+    }
+  }
+  if (state_ == ACE_Message_Queue_Base::DEACTIVATED) {
+    errno = ESHUTDOWN;
+    return -1;
+  }
+  if (wait_not_empty_cond(nullptr) == -1) return -1;
+  return dequeue_head_i(item);
 }
 
 }  // namespace internal

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include <ace/Condition_Thread_Mutex.h>
+#include <ace/Message_Block.h>
 #include <ace/Message_Queue_T.h>
 #include <ace/Synch_Traits.h>
 #include <ace/Time_Policy.h>
@@ -50,6 +51,18 @@ class COM_EXPORT RequestQueue
   // The head block, the rest following through next(); only while the
   // caller holds lock().
   ACE_Message_Block* HeadLocked() { return head_; }
+
+  // enqueue_prio of a block of size 1 that refers to `data` without owning
+  // it, with the given type and priority. The block is one handed back
+  // through DequeueHead when there is one, so that a steady flow of
+  // requests allocates no blocks. Waits while the queue is full; -1 (errno
+  // ESHUTDOWN) once deactivated; else the count after the insertion.
+  int EnqueueData(const char* data, ACE_Message_Block::ACE_Message_Type type,
+                  unsigned long priority);
+  // dequeue_head without a time limit that first takes back `spent`, a
+  // block from EnqueueData that the caller no longer uses (or null), for
+  // reuse.
+  int DequeueHead(ACE_Message_Block*& item, ACE_Message_Block* spent);
 
  protected:
   int enqueue_i(ACE_Message_Block* item) override;
@@ -81,6 +94,9 @@ class COM_EXPORT RequestQueue
   ACE_Message_Block* frontEnd_;
   // Order no longer known to the index: ACE's walk decides.
   bool unindexed_;
+  // Blocks handed back for reuse, linked through next().
+  ACE_Message_Block* spare_;
+  size_t spareCount_;
 };
 
 }  // namespace internal
