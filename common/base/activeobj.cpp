@@ -238,21 +238,23 @@ int ActiveObj::svc() {
   ACE_Message_Block* spent = nullptr;
   for (;;) {
     ACE_Message_Block* block = nullptr;
-    if (queue->DequeueHead(block, spent) == -1) return 0;
+    // A hang-up is passed on by priority inside Take, so that every other
+    // worker sees it too; a graceful one fresh from stop() only moves
+    // behind the queued work that is still to run, also when a single
+    // worker is there to run it.
+    const Kelvane::internal::RequestQueue::TakeResult taken =
+        queue->Take(block, spent, kFirstPass);
     spent = nullptr;
-    if (block->msg_type() == ACE_Message_Block::MB_HANGUP) {
-      // A graceful hang-up fresh from stop() only moves behind the queued
-      // work that is still to run, also when there is one worker to run it.
-      const bool firstPass = (block->self_flags() & kFirstPass) != 0;
-      block->clr_self_flags(kFirstPass);
-      // Passed on by priority so that every other worker sees it too.
-      if (msg_queue()->enqueue_prio(block) == -1) {
+    switch (taken) {
+      case Kelvane::internal::RequestQueue::kTaken:
+        break;
+      case Kelvane::internal::RequestQueue::kHangUpContinue:
+        continue;
+      case Kelvane::internal::RequestQueue::kHangUpLost:
         COM_LOG((LM_CRITICAL, "%p\n", "ungetq"));
-        block->release();
         return -1;
-      }
-      if (firstPass) continue;
-      return 0;
+      default:
+        return 0;
     }
     if (IsRequest(block)) {
       spent = block;

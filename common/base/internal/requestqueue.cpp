@@ -260,9 +260,11 @@ int RequestQueue::EnqueueData(const char* data,
   return count;
 }
 
-int RequestQueue::DequeueHead(ACE_Message_Block*& item,
-                              ACE_Message_Block* spent) {
-  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, -1);
+RequestQueue::TakeResult RequestQueue::Take(
+    ACE_Message_Block*& item, ACE_Message_Block* spent,
+    ACE_Message_Block::Message_Flags firstPass) {
+  item = nullptr;
+  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, lock_, kClosed);
   if (spent != nullptr) {
     if (spareCount_ < kMaxSpare) {
       spent->next(spare_);
@@ -274,10 +276,22 @@ int RequestQueue::DequeueHead(ACE_Message_Block*& item,
   }
   if (state_ == ACE_Message_Queue_Base::DEACTIVATED) {
     errno = ESHUTDOWN;
-    return -1;
+    return kClosed;
   }
-  if (wait_not_empty_cond(nullptr) == -1) return -1;
-  return dequeue_head_i(item);
+  if (wait_not_empty_cond(nullptr) == -1) return kClosed;
+  ACE_Message_Block* head = nullptr;
+  if (dequeue_head_i(head) == -1) return kClosed;
+  if (head->msg_type() != ACE_Message_Block::MB_HANGUP) {
+    item = head;
+    return kTaken;
+  }
+  const bool first = (head->self_flags() & firstPass) != 0;
+  head->clr_self_flags(firstPass);
+  if (enqueue_i(head) == -1) {
+    head->release();
+    return kHangUpLost;
+  }
+  return first ? kHangUpContinue : kHangUpEnd;
 }
 
 }  // namespace internal

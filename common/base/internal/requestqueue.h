@@ -59,10 +59,22 @@ class COM_EXPORT RequestQueue
   // ESHUTDOWN) once deactivated; else the count after the insertion.
   int EnqueueData(const char* data, ACE_Message_Block::ACE_Message_Type type,
                   unsigned long priority);
+  // What Take found.
+  enum TakeResult {
+    kTaken,           // `item` is the head block, now the caller's
+    kHangUpEnd,       // a hang-up, passed on: the taker ends
+    kHangUpContinue,  // a hang-up on its first pass, passed on: keep taking
+    kHangUpLost,      // a hang-up that could not be put back (released)
+    kClosed           // deactivated: nothing taken
+  };
   // dequeue_head without a time limit that first takes back `spent`, a
   // block from EnqueueData that the caller no longer uses (or null), for
-  // reuse.
-  int DequeueHead(ACE_Message_Block*& item, ACE_Message_Block* spent);
+  // reuse. A hang-up message (MB_HANGUP) is not handed out but passed on:
+  // it goes back by priority in the same step, so that no other taker
+  // slips past it. A hang-up carrying `firstPass` in its self flags loses
+  // the flag and lets this taker go on (kHangUpContinue).
+  TakeResult Take(ACE_Message_Block*& item, ACE_Message_Block* spent,
+                  ACE_Message_Block::Message_Flags firstPass);
 
  protected:
   int enqueue_i(ACE_Message_Block* item) override;
