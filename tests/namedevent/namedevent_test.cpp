@@ -98,6 +98,9 @@ TEST(NamedEvent, PulseWakesThePresentWaitersAndLeavesItClear) {
   }
   EXPECT_FALSE(IsSignaled(ev));
   EXPECT_EQ("0", waiters[0].Ask("w 100"));
+  ASSERT_EQ(0, ev.signal());  // a pulse clears a signalled event too
+  ASSERT_EQ(0, ev.pulse());
+  EXPECT_FALSE(IsSignaled(ev));
 }
 
 // The event lives while a process holds it; a holder killed with SIGKILL
