@@ -193,34 +193,6 @@ TEST(CPUInfo, SpeedAgreesWithTheSystem) {
   EXPECT_NEAR(want, mhz, want * 0.05) << "reference " << reference;
 }
 
-// Spins on one CPU until told to stop.
-class Spinner {
- public:
-  explicit Spinner(unsigned cpu) {
-    thread_ = std::thread([this, cpu] {
-      cpu_set_t set;
-      CPU_ZERO(&set);
-      CPU_SET(cpu, &set);
-      pinned_ = pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
-      ready_ = true;
-      volatile unsigned long n = 0;
-      while (!stop_.load(std::memory_order_relaxed)) n = n + 1;
-    });
-    while (!ready_.load()) std::this_thread::yield();
-  }
-  ~Spinner() {
-    stop_ = true;
-    thread_.join();
-  }
-  bool pinned() const { return pinned_; }
-
- private:
-  std::atomic<bool> stop_{false};
-  std::atomic<bool> ready_{false};
-  std::atomic<bool> pinned_{false};
-  std::thread thread_;
-};
-
 TEST(CPUStats, ABusyCoreShowsBusy) {
   CPUStats stats;
   EXPECT_EQ(-1, stats.TotalUsage());
@@ -239,8 +211,20 @@ TEST(CPUStats, ABusyCoreShowsBusy) {
   for (int c = CPU_SETSIZE - 1; c >= 0 && target < 0; --c)
     if (CPU_ISSET(c, &mine)) target = c;
   ASSERT_GE(target, 0);
-  Spinner spin(static_cast<unsigned>(target));
-  ASSERT_TRUE(spin.pinned());
+  std::atomic<bool> stop{false};
+  std::thread spinner([&stop, target] {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(target, &set);
+    pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+    for (volatile unsigned long n = 0; !stop.load(std::memory_order_relaxed);)
+      n = n + 1;
+  });
+  struct Join {
+    std::atomic<bool>& stop;
+    std::thread& thread;
+    ~Join() { stop = true, thread.join(); }
+  } join{stop, spinner};
   double best = -1, total = -1;
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::seconds(10);

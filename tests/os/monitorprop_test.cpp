@@ -118,17 +118,16 @@ TEST(MonitorProp, ParsesRealEdidAndRejectsDamagedOnes) {
   EXPECT_FALSE(MonitorProp::ParseEdid(nullptr, 128, m));
 }
 
+// Beyond the orders the tree below shows: reversed, equal, text order
+// against number order, and a branch of a connector.
 TEST(MonitorProp, ConnectorOrder) {
   const struct {
     const char* a;
     const char* b;
     bool before;
   } rows[] = {
-      {"card0-DP-2", "card0-DP-10", true},
       {"card0-DP-10", "card0-DP-2", false},
-      {"card1-eDP-1", "card10-DP-1", true},
       {"card2-VGA-1", "card10-DP-1", true},
-      {"card0-DP-1", "card0-HDMI-A-1", true},
       {"card0-DP-1", "card0-DP-1", false},
       {"card0-DP-1", "card0-DP-1-1", true},
   };

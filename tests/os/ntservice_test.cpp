@@ -101,23 +101,14 @@ TEST(NTServiceAPIError, TextsAndCodes) {
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    const char* old = std::getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
+    if (const char* old = std::getenv(name)) old_.reset(new std::string(old));
     ::setenv(name, value.c_str(), 1);
   }
-  ~ScopedEnv() {
-    if (had_) {
-      ::setenv(name_, old_.c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
+  ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
 
  private:
   const char* name_;
-  std::string old_;
-  bool had_ = false;
+  std::unique_ptr<std::string> old_;
 };
 
 TEST(NTService, UnopenedOrUnreachableThrowsTheSystemText) {
@@ -134,10 +125,10 @@ TEST(NTService, UnopenedOrUnreachableThrowsTheSystemText) {
   EXPECT_EQ(Err(ENOENT), Catch([&] { service.open(); }));
 }
 
-// The extension of the systemd template: the unit-file calls, LoadUnit as
-// the manager answers it (a unit object whose LoadState is "not-found" for
-// an unknown name) and a StartUnit whose job can fail and which refuses
-// masked units.
+// The extension of the systemd template: unit files that can be masked and
+// enabled, LoadUnit as the manager answers it (a unit whose LoadState is
+// "not-found" for an unknown name) and a StartUnit whose job can fail and
+// which refuses masked units.
 const char kExtension[] = R"PY(
 import sys
 import dbus
@@ -147,18 +138,12 @@ mock = dbus.Interface(obj, 'org.freedesktop.DBus.Mock')
 M = 'org.freedesktop.systemd1.Manager'
 T = 'com.kelvane.test.Systemd'
 
-mock.AddMethod(T, 'Setup', '', '', '''
-self.file_state = lambda f: ('masked' if f['masked'] else
-                             'enabled' if f['enabled'] else 'disabled')
-self.files = {}
-self.failing = set()
-self.reloads = 0
-''')
+mock.AddMethod(T, 'Setup', '', '',
+               'self.files, self.failing, self.reloads = {}, set(), 0')
 mock.AddMethod(T, 'AddService', 'ss', '', '''
-name = str(args[0])
-self.AddMockUnit(name)
-self.files[name] = {'masked': args[1] == 'disabled',
-                    'enabled': args[1] == 'automatic'}
+self.AddMockUnit(str(args[0]))
+self.files[str(args[0])] = {'masked': False,
+                            'enabled': args[1] == 'automatic'}
 ''')
 mock.AddMethod(T, 'FailStarts', 's', '', 'self.failing.add(str(args[0]))')
 mock.AddMethod(T, 'Reloads', '', 'u', 'ret = self.reloads')
@@ -174,50 +159,35 @@ if name not in self.units:
 ret = self.units[name]
 ''')
 mock.AddMethod(M, 'GetUnitFileState', 's', 's', '''
-name = str(args[0])
-if name not in self.files:
-    raise dbus.exceptions.DBusException(
-        'Unit file %s does not exist.' % name,
-        name='org.freedesktop.DBus.Error.FileNotFound')
-ret = self.file_state(self.files[name])
+f = self.files[str(args[0])]
+ret = 'masked' if f['masked'] else 'enabled' if f['enabled'] else 'disabled'
 ''')
-for method, sig, key, value, out in (
-        ('MaskUnitFiles', 'asbb', 'masked', True, 'a(sss)'),
-        ('UnmaskUnitFiles', 'asb', 'masked', False, 'a(sss)'),
-        ('DisableUnitFiles', 'asb', 'enabled', False, 'a(sss)'),
-        ('EnableUnitFiles', 'asbb', 'enabled', True, 'ba(sss)')):
-    code = '''
-changes = []
+for method, sig, key, value in (('MaskUnitFiles', 'asbb', 'masked', True),
+                                ('UnmaskUnitFiles', 'asb', 'masked', False),
+                                ('DisableUnitFiles', 'asb', 'enabled', False)):
+    mock.AddMethod(M, method, sig, 'a(sss)', '''
+ret = []
 for n in args[0]:
     self.files[str(n)]['%s'] = %s
-    changes.append(('symlink', '/etc/systemd/system/' + str(n), '/dev/null'))
-ret = %s
-''' % (key, value, '(True, changes)' if out == 'ba(sss)' else 'changes')
-    mock.AddMethod(M, method, sig, out, code)
+    ret.append(('symlink', '/etc/systemd/system/' + str(n), '/dev/null'))
+''' % (key, value))
 mock.AddMethod(M, 'StartUnit', 'ss', 'o', '''
 from gi.repository import GLib
 name = str(args[0])
-unit = objects[self.units[name]] if name in self.units else None
-if unit is None or unit.props[
-        'org.freedesktop.systemd1.Unit']['LoadState'] == 'not-found':
-    raise dbus.exceptions.DBusException(
-        'Unit %s not found.' % name,
-        name='org.freedesktop.systemd1.NoSuchUnit')
-if self.files.get(name, {}).get('masked'):
+if self.files[name]['masked']:
     raise dbus.exceptions.DBusException(
         'Unit %s is masked.' % name,
         name='org.freedesktop.systemd1.UnitMasked')
 self.next_job_id += 1
-job_id = self.next_job_id
-job = '/org/freedesktop/systemd1/job/%d' % job_id
+job = '/org/freedesktop/systemd1/job/%d' % self.next_job_id
 result = 'failed' if name in self.failing else 'done'
-unit.UpdateProperties('org.freedesktop.systemd1.Unit',
-                      {'ActiveState': 'failed' if result == 'failed'
-                                      else 'active'})
-def finish(self=self, job_id=job_id, job=job, name=name, result=result):
+objects[self.units[name]].UpdateProperties(
+    'org.freedesktop.systemd1.Unit',
+    {'ActiveState': 'failed' if result == 'failed' else 'active'})
+def finish(self=self, job_id=self.next_job_id, job=job, name=name,
+           result=result):
     self.EmitSignal('org.freedesktop.systemd1.Manager', 'JobRemoved', 'uoss',
                     [dbus.UInt32(job_id), dbus.ObjectPath(job), name, result])
-    return False
 GLib.timeout_add(50, finish)
 ret = dbus.ObjectPath(job)
 ''')
@@ -226,10 +196,7 @@ print('ready')
 )PY";
 
 // The bus: everything allowed, except StartUnit for "nobody".
-const char kBusConfig[] = R"XML(<!DOCTYPE busconfig PUBLIC
- "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
+const char kBusConfig[] = R"XML(<busconfig>
   <type>system</type>
   <listen>unix:path=@SOCKET@</listen>
   <auth>EXTERNAL</auth>
