@@ -172,11 +172,6 @@ TEST(CPUInfo, MatchesProcCpuinfoAndLscpu) {
   EXPECT_EQ(logical, cpu.logicalCores);
   EXPECT_EQ(cores.size(), cpu.physicalCores);
   EXPECT_EQ(sockets.size(), cpu.packages);
-  const std::string summary = Output("lscpu 2>/dev/null");
-  EXPECT_EQ(CPUInfoRules::CpuInfoValue(summary, "CPU family"),
-            std::to_string(cpu.family));
-  EXPECT_EQ(CPUInfoRules::CpuInfoValue(summary, "Vendor ID"),
-            cpu.vendor.c_str());
 }
 
 TEST(CPUInfo, SpeedAgreesWithTheSystem) {
