@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -31,44 +32,32 @@ class Counter : public ACE_Event_Handler {
   ACE_thread_t reactorThread{};
 };
 
-// Runs ACE_Reactor::instance()'s loop on a thread of its own.
-class ReactorThread {
- public:
-  explicit ReactorThread(Counter* c) {
+size_t ThreadCount() {
+  return static_cast<size_t>(std::distance(
+      std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+// An event, a counting handler and ACE_Reactor::instance()'s loop on a thread
+// of its own; the relay's thread must be gone after each test.
+class ReactorRelayTest : public ::testing::Test {
+ protected:
+  ReactorRelayTest() {
     std::atomic<bool> started{false};
-    thread_ = std::thread([c, &started] {
+    loop_ = std::thread([this, &started] {
       ACE_Reactor::instance()->owner(ACE_Thread::self());
-      c->reactorThread = ACE_Thread::self();
+      counter_.reactorThread = ACE_Thread::self();
       started = true;
       ACE_Reactor::instance()->run_reactor_event_loop();
     });
     while (!started) std::this_thread::yield();
+    threadsBefore_ = ThreadCount();
   }
-  ~ReactorThread() {
-    ACE_Reactor::instance()->end_event_loop();
-    thread_.join();
-    ACE_Reactor::instance()->reset_event_loop();
-  }
-
- private:
-  std::thread thread_;
-};
-
-size_t ThreadCount() {
-  size_t n = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task");
-       it != std::filesystem::directory_iterator(); ++it)
-    ++n;
-  return n;
-}
-
-// An event, a counting handler and the reactor's loop; the relay's thread
-// must be gone after each test.
-class ReactorRelayTest : public ::testing::Test {
- protected:
   ~ReactorRelayTest() override {
     EXPECT_EQ(threadsBefore_, ThreadCount());
     EXPECT_FALSE(counter_.wrongThread);
+    ACE_Reactor::instance()->end_event_loop();
+    loop_.join();
+    ACE_Reactor::instance()->reset_event_loop();
   }
   bool AwaitCalls(int want) {
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
@@ -81,8 +70,8 @@ class ReactorRelayTest : public ::testing::Test {
                           std::to_string(static_cast<int>(::getpid())))
                              .c_str()};
   Counter counter_;
-  ReactorThread loop_{&counter_};
-  const size_t threadsBefore_ = ThreadCount();
+  std::thread loop_;
+  size_t threadsBefore_ = 0;
 };
 
 TEST_F(ReactorRelayTest, EachSignalAndPulseReachesTheReactorThreadOnce) {
