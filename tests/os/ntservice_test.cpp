@@ -39,13 +39,15 @@ std::string Shell(const std::string& cmd) {
   return out;
 }
 
-// The code and text of the APIError `fn` throws, as "code text", or
-// "no error".
+// "code text" of an APIError; of the one `fn` throws, or "no error".
+std::string Text(const NT_Service::APIError& e) {
+  return std::to_string(e.code()) + " " + e.what();
+}
 std::string Catch(const std::function<void()>& fn) {
   try {
     fn();
   } catch (const NT_Service::APIError& e) {
-    return std::to_string(e.code()) + " " + e.what();
+    return Text(e);
   }
   return "no error";
 }
@@ -84,14 +86,15 @@ TEST(NTServiceRules, NamesStatesAndJobResults) {
 
 TEST(NTServiceAPIError, TextsAndCodes) {
   errno = EACCES;
-  NT_Service::APIError captured;
-  EXPECT_EQ(Err(EACCES),
-            std::to_string(captured.code()) + " " + captured.what());
-  NT_Service::APIError copy(NT_Service::APIError(EACCES, "Access denied"));
-  EXPECT_EQ(Err(EACCES, "Access denied"),
-            std::to_string(copy.code()) + " " + copy.what());
+  const NT_Service::APIError captured;
+  EXPECT_EQ(Err(EACCES), Text(captured));
+  const NT_Service::APIError message(EACCES, "Access denied");
+  NT_Service::APIError copy(message);
+  EXPECT_EQ(Err(EACCES, "Access denied"), Text(copy));
   copy = NT_Service::APIError(ENOENT, "");
-  EXPECT_EQ(Err(ENOENT), std::to_string(copy.code()) + " " + copy.what());
+  EXPECT_EQ(Err(ENOENT), Text(copy));
+  copy = message;
+  EXPECT_EQ(Err(EACCES, "Access denied"), Text(copy));
   const std::string longText(600, 'x');
   EXPECT_EQ(longText.substr(0, 511),
             NT_Service::APIError(EIO, longText.c_str()).what());
