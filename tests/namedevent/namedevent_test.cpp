@@ -149,6 +149,7 @@ TEST(NamedEvent, HolderKilledAtAnyMomentLeavesFreshEventAndNobodyBlocked) {
     EXPECT_EQ(0, waiter.Finish());
   }
 }
+
 TEST(NamedEvent, AnotherUserOpensAndSignalsRootsEvent) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to switch users";
   std::string name = UniqueName("nobody");
