@@ -229,15 +229,15 @@ class NTServiceBusTest : public ::testing::Test {
   };
 
   static void SetUpTestSuite() {
+    std::string python;
     for (const char* p : {"/usr/bin/python3", "/usr/local/bin/python3"}) {
-      if (std::system(
+      if (python.empty() &&
+          std::system(
               (std::string(p) + " -c 'import dbusmock, gi' >/dev/null 2>&1")
-                  .c_str()) == 0) {
-        python_ = p;
-        break;
-      }
+                  .c_str()) == 0)
+        python = p;
     }
-    if (python_.empty() || ::access("/usr/bin/dbus-daemon", X_OK) != 0) {
+    if (python.empty() || ::access("/usr/bin/dbus-daemon", X_OK) != 0) {
       skip_ = "no python3 with dbusmock, or no dbus-daemon";
       return;
     }
@@ -254,7 +254,7 @@ class NTServiceBusTest : public ::testing::Test {
     }
     ::chmod(bus_->folder.File("bus").c_str(), 0777);
     bus_->env.reset(new ScopedEnv("DBUS_SYSTEM_BUS_ADDRESS", address_));
-    if (!bus_->mock.Start({python_, "-m", "dbusmock", "--template", "systemd",
+    if (!bus_->mock.Start({python, "-m", "dbusmock", "--template", "systemd",
                            "-l", bus_->folder.File("mock.log")})) {
       skip_ = "dbusmock did not start";
       return;
@@ -270,7 +270,7 @@ class NTServiceBusTest : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     const std::string out =
-        Shell(python_ + " " + bus_->folder.Write("extend.py", kExtension) +
+        Shell(python + " " + bus_->folder.Write("extend.py", kExtension) +
               " '" + address_ + "' 2>&1");
     if (out != "ready") skip_ = "extending the systemd double failed: " + out;
   }
@@ -300,12 +300,11 @@ class NTServiceBusTest : public ::testing::Test {
                                   : out.substr(q + 1, out.rfind('"') - q - 1);
   }
 
-  static std::string python_, address_, skip_;
+  static std::string address_, skip_;
   static std::unique_ptr<Bus> bus_;
 };
 
-std::string NTServiceBusTest::python_, NTServiceBusTest::address_,
-    NTServiceBusTest::skip_;
+std::string NTServiceBusTest::address_, NTServiceBusTest::skip_;
 std::unique_ptr<NTServiceBusTest::Bus> NTServiceBusTest::bus_;
 
 TEST_F(NTServiceBusTest, StartsAndStops) {
