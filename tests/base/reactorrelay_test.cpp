@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -31,104 +32,92 @@ class Counter : public ACE_Event_Handler {
   ACE_thread_t reactorThread{};
 };
 
-// Runs ACE_Reactor::instance()'s loop on a thread of its own.
-class ReactorThread {
- public:
-  explicit ReactorThread(Counter* c) {
+size_t ThreadCount() {
+  return static_cast<size_t>(std::distance(
+      std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+// An event, a counting handler and ACE_Reactor::instance()'s loop on a thread
+// of its own; the relay's thread must be gone after each test.
+class ReactorRelayTest : public ::testing::Test {
+ protected:
+  ReactorRelayTest() {
     std::atomic<bool> started{false};
-    thread_ = std::thread([c, &started] {
+    loop_ = std::thread([this, &started] {
       ACE_Reactor::instance()->owner(ACE_Thread::self());
-      c->reactorThread = ACE_Thread::self();
+      counter_.reactorThread = ACE_Thread::self();
       started = true;
       ACE_Reactor::instance()->run_reactor_event_loop();
     });
     while (!started) std::this_thread::yield();
+    threadsBefore_ = ThreadCount();
   }
-  ~ReactorThread() {
+  ~ReactorRelayTest() override {
+    EXPECT_EQ(threadsBefore_, ThreadCount());
+    EXPECT_FALSE(counter_.wrongThread);
     ACE_Reactor::instance()->end_event_loop();
-    thread_.join();
+    loop_.join();
     ACE_Reactor::instance()->reset_event_loop();
   }
+  bool AwaitCalls(int want) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (counter_.calls < want && std::chrono::steady_clock::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return counter_.calls == want;
+  }
 
- private:
-  std::thread thread_;
+  Common::NamedEvent ev_{(std::string("Global\\ComTest_Relay_") +
+                          std::to_string(static_cast<int>(::getpid())))
+                             .c_str()};
+  Counter counter_;
+  std::thread loop_;
+  size_t threadsBefore_ = 0;
 };
 
-size_t ThreadCount() {
-  size_t n = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/task");
-       it != std::filesystem::directory_iterator(); ++it)
-    ++n;
-  return n;
-}
-
-bool AwaitCalls(const Counter& c, int want) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (c.calls < want && std::chrono::steady_clock::now() < until)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  return c.calls == want;
-}
-
-std::string Name(const char* what) {
-  return std::string("Global\\ComTest_Relay_") + what + "_" +
-         std::to_string(static_cast<int>(::getpid()));
-}
-
-TEST(ReactorRelay, EachSignalAndPulseReachesTheReactorThreadOnce) {
-  Common::NamedEvent ev(Name("edges").c_str());
-  Counter counter;
-  ReactorThread loop(&counter);
-  ASSERT_EQ(0, ev.signal());  // already signalled when the relay starts
-  const size_t threadsBefore = ThreadCount();
+TEST_F(ReactorRelayTest, EachSignalAndPulseReachesTheReactorThreadOnce) {
+  ASSERT_EQ(0, ev_.signal());  // already signalled when the relay starts
   ReactorRelay relay;
-  ASSERT_EQ(0, relay.WatchEvent(&counter, ev.handle()));
-  EXPECT_TRUE(AwaitCalls(counter, 1));
-  ev.signal();  // still signalled: no new edge
-  ev.reset();
-  ev.signal();
-  EXPECT_TRUE(AwaitCalls(counter, 2));
-  ev.reset();
-  ev.pulse();
-  EXPECT_TRUE(AwaitCalls(counter, 3));
+  ASSERT_EQ(0, relay.WatchEvent(&counter_, ev_.handle()));
+  EXPECT_TRUE(AwaitCalls(1));
+  ev_.signal();  // still signalled: no new edge
+  ev_.reset();
+  ev_.signal();
+  EXPECT_TRUE(AwaitCalls(2));
+  ev_.reset();
+  ev_.pulse();
+  EXPECT_TRUE(AwaitCalls(3));
   relay.Stop();
   // The waiting thread is gone once Stop returns, and nothing more arrives.
-  EXPECT_EQ(threadsBefore, ThreadCount());
-  ev.reset();
-  ev.signal();
+  EXPECT_EQ(threadsBefore_, ThreadCount());
+  ev_.reset();
+  ev_.signal();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(3, counter.calls);
-  EXPECT_FALSE(counter.wrongThread);
+  EXPECT_EQ(3, counter_.calls);
 }
 
 // Relays start and stop while another thread signals and resets: no call
 // after Stop, no thread left, nothing racy.
-TEST(ReactorRelay, StartStopUnderSignalStress) {
-  Common::NamedEvent ev(Name("stress").c_str());
-  Counter counter;
-  ReactorThread loop(&counter);
-  const size_t threadsBefore = ThreadCount();
+TEST_F(ReactorRelayTest, StartStopUnderSignalStress) {
   std::atomic<bool> done{false};
   std::thread toggler([&] {
     while (!done) {
-      ev.signal();
-      ev.reset();
-      ev.pulse();
+      ev_.signal();
+      ev_.reset();
+      ev_.pulse();
     }
   });
   for (int i = 0; i < 40; ++i) {
     ReactorRelay relay;
-    ASSERT_EQ(0, relay.WatchEvent(&counter, ev.handle()));
+    ASSERT_EQ(0, relay.WatchEvent(&counter_, ev_.handle()));
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     relay.Stop();
-    int after = counter.calls;
+    int after = counter_.calls;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(after, counter.calls);
+    EXPECT_EQ(after, counter_.calls);
   }
   done = true;
   toggler.join();
-  EXPECT_EQ(threadsBefore, ThreadCount());
-  EXPECT_GT(counter.calls, 0);
-  EXPECT_FALSE(counter.wrongThread);
+  EXPECT_GT(counter_.calls, 0);
 }
 
 }  // namespace

@@ -3,14 +3,12 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include <ace/OS_NS_sys_time.h>
 
@@ -56,6 +54,20 @@ bool Eventually(Pred pred, int ms = 5000) {
   return pred();
 }
 
+// Starts the child helper on the event `name`; true once it is ready.
+bool StartOn(testsupport::ChildProcess& child, const std::string& name) {
+  std::string line;
+  return child.Start({testsupport::ChildProgram(), "event", name}) &&
+         child.ReadLine(&line) && line == "ready";
+}
+
+// Has `child` wait, and true once it blocks in the wait.
+bool WaitBlocked(testsupport::ChildProcess& child, const char* ms) {
+  const pid_t pid = child.pid();
+  return child.Send(std::string("w ") + ms) &&
+         Eventually([pid] { return SleepsInFutex(pid); });
+}
+
 TEST(NamedEvent, BadNameThrowsAfterLoggingAtDebug) {
   testsupport::LogCapture log;
   try {
@@ -75,61 +87,45 @@ TEST(NamedEvent, BadNameThrowsAfterLoggingAtDebug) {
 TEST(NamedEvent, PulseWakesThePresentWaitersAndLeavesItClear) {
   std::string name = UniqueName("pulse");
   NamedEvent ev(name.c_str());
-  std::vector<std::unique_ptr<testsupport::ChildProcess>> waiters;
-  for (int i = 0; i < 3; ++i) {
-    waiters.emplace_back(new testsupport::ChildProcess);
-    ASSERT_TRUE(
-        waiters.back()->Start({testsupport::ChildProgram(), "event", name}));
-    std::string line;
-    ASSERT_TRUE(waiters.back()->ReadLine(&line));
-    ASSERT_EQ("ready", line);
-    ASSERT_TRUE(waiters.back()->Send("w 20000"));
-  }
-  for (auto& w : waiters) {
-    pid_t pid = w->pid();
-    ASSERT_TRUE(Eventually([pid] { return SleepsInFutex(pid); }));
-  }
+  testsupport::ChildProcess waiters[3];
+  for (auto& w : waiters) ASSERT_TRUE(StartOn(w, name));
+  for (auto& w : waiters) ASSERT_TRUE(WaitBlocked(w, "20000"));
   ASSERT_EQ(0, ev.pulse());
   for (auto& w : waiters) {
     std::string line;
-    ASSERT_TRUE(w->ReadLine(&line, 5000));
+    ASSERT_TRUE(w.ReadLine(&line, 5000));
     EXPECT_EQ("1", line);
   }
   EXPECT_FALSE(IsSignaled(ev));
-  EXPECT_EQ("0", waiters[0]->Ask("w 100"));
+  EXPECT_EQ("0", waiters[0].Ask("w 100"));
+  ASSERT_EQ(0, ev.signal());  // a pulse clears a signalled event too
+  ASSERT_EQ(0, ev.pulse());
+  EXPECT_FALSE(IsSignaled(ev));
 }
 
 // The event lives while a process holds it; a holder killed with SIGKILL
-// (at any point of its work) must not leave a stale signalled event for
-// the next opener, nor leave anyone blocked.
+// (signalled, or at any point of its work) must not leave a stale signalled
+// event for the next opener, nor leave anyone blocked.
 TEST(NamedEvent, HolderKilledAtAnyMomentLeavesFreshEventAndNobodyBlocked) {
   std::string name = UniqueName("kill");
   {
-    // Killed while holding the event signalled.
     testsupport::ChildProcess holder;
-    ASSERT_TRUE(holder.Start({testsupport::ChildProgram(), "event", name}));
-    std::string line;
-    ASSERT_TRUE(holder.ReadLine(&line));
+    ASSERT_TRUE(StartOn(holder, name));
     ASSERT_EQ("ok", holder.Ask("s"));
     ::kill(holder.pid(), SIGKILL);
     holder.Finish();
     EXPECT_TRUE(std::ifstream(SharedEvent::PathFor(name.c_str()).c_str()))
         << "the dead holder could not remove the file";
-    NamedEvent next(name.c_str());
-    EXPECT_FALSE(IsSignaled(next));
+    EXPECT_FALSE(IsSignaled(NamedEvent(name.c_str())));
   }
   std::mt19937 rng(1234);
   for (int round = 0; round < 24; ++round) {
     SCOPED_TRACE(round);
     const bool withWaiter = round % 2 == 1;
-    testsupport::ChildProcess waiter;
+    testsupport::ChildProcess waiter, victim;
     if (withWaiter) {
-      ASSERT_TRUE(waiter.Start({testsupport::ChildProgram(), "event", name}));
-      std::string line;
-      ASSERT_TRUE(waiter.ReadLine(&line));
-      ASSERT_EQ("ready", line);
+      ASSERT_TRUE(StartOn(waiter, name));
     }
-    testsupport::ChildProcess victim;
     ASSERT_TRUE(victim.Start({testsupport::ChildProgram(), "churn", name}));
     std::this_thread::sleep_for(std::chrono::microseconds(rng() % 30000));
     ::kill(victim.pid(), SIGKILL);
@@ -145,9 +141,7 @@ TEST(NamedEvent, HolderKilledAtAnyMomentLeavesFreshEventAndNobodyBlocked) {
     }
     // The surviving waiter blocks and is woken by a signal.
     ASSERT_EQ(0, ev.reset());
-    ASSERT_TRUE(waiter.Send("w 10000"));
-    pid_t pid = waiter.pid();
-    ASSERT_TRUE(Eventually([pid] { return SleepsInFutex(pid); }));
+    ASSERT_TRUE(WaitBlocked(waiter, "10000"));
     ASSERT_EQ(0, ev.signal());
     std::string line;
     ASSERT_TRUE(waiter.ReadLine(&line, 5000));

@@ -1,8 +1,8 @@
 #include <cerrno>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -90,13 +90,12 @@ TEST(ConfigStoreWrite, ConcurrentWritersLoseNothing) {
   testsupport::TempFolder folder;
   std::string file = folder.Write("k.ini", "[Keep]\nMe=1\n");
   const int n = 150;
-  testsupport::ChildProcess a, b;
-  ASSERT_TRUE(a.Start(
-      {testsupport::ChildProgram(), "cfgwrite", file, "a", std::to_string(n)}));
-  ASSERT_TRUE(b.Start(
-      {testsupport::ChildProgram(), "cfgwrite", file, "b", std::to_string(n)}));
-  EXPECT_EQ(0, a.Finish());
-  EXPECT_EQ(0, b.Finish());
+  testsupport::ChildProcess writers[2];
+  for (const char* prefix : {"a", "b"})
+    ASSERT_TRUE(
+        writers[*prefix - 'a'].Start({testsupport::ChildProgram(), "cfgwrite",
+                                      file, prefix, std::to_string(n)}));
+  for (auto& w : writers) EXPECT_EQ(0, w.Finish());
   ConfigStore store;
   ASSERT_EQ(0, store.Load(file.c_str()));
   ACE_Configuration_Section_Key key;
@@ -116,10 +115,8 @@ TEST(ConfigStoreWrite, ConcurrentWritersLoseNothing) {
   ACE_CString keep;
   EXPECT_EQ(0, ConfigStore::GetString(store.heap(), key, "Me", keep));
   // No temporary file left in the folder.
-  std::vector<std::string> left;
-  for (const auto& e : std::filesystem::directory_iterator(folder.path()))
-    left.push_back(e.path().filename().string());
-  EXPECT_EQ(std::vector<std::string>{"k.ini"}, left);
+  EXPECT_EQ(
+      1, std::distance(std::filesystem::directory_iterator(folder.path()), {}));
 }
 
 }  // namespace

@@ -25,6 +25,8 @@ std::string Shell(const char* command) {
   return out;
 }
 
+// Missing numbers are 0; numbers compare by value, not as text; a non-digit
+// ends them; anything but a number first (or beyond 32 bits) is no version.
 TEST(OSInfoRules, CompareVersions) {
   const int kNone = OSInfoRules::kNotComparable;
   const struct {
@@ -32,32 +34,24 @@ TEST(OSInfoRules, CompareVersions) {
     const char* wanted;
     int result;
   } rows[] = {
-      {"6.1.0-18-amd64", "6", 0},
       {"6.1.0-18-amd64", "6.1", 0},
-      {"6.1.0-18-amd64", "6.1.0", 0},
-      {"6.1.0-18-amd64", "6.1.0.0", 0},  // missing numbers are 0
+      {"6.1.0-18-amd64", "6.1.0.0", 0},
       {"6.1.0-18-amd64", "5.15", 1},
-      {"6.1.0-18-amd64", "6.2", -1},
       {"6.1.0-18-amd64", "6.1.1", -1},
-      {"6.1.0-18-amd64", "7", -1},
-      {"6.10.3", "6.9", 1},  // by value, not as text
+      {"6.10.3", "6.9", 1},
       {"6.9", "6.10", -1},
       {"6.01", "6.1", 0},
       {"12", "12.4", -1},
       {"12.4", "12", 0},
-      {"12.4", "12.10", -1},
-      {"5.4.0-rc2", "5.4", 0},
-      {"5.4-rc2", "5.4.1", -1},  // "-rc2" ends the numbers
+      {"5.4-rc2", "5.4.1", -1},
       {"6.1.", "6.1", 0},
       {"4.19.0+", "4.19.0", 0},
       {"6.1", "6.1-x", 0},
       {"", "6", kNone},
       {nullptr, "6", kNone},
-      {"6.1", "", kNone},
       {"6.1", nullptr, kNone},
       {"6.1", "v6", kNone},
-      {"rolling", "1", kNone},
-      {"99999999999", "1", kNone},  // beyond 32 bits
+      {"99999999999", "1", kNone},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.actual ? r.actual : "(null)") + " vs " +
@@ -73,12 +67,10 @@ TEST(OsVersionInfo, Comparisons) {
     const char* wanted;
     bool equal, atLeast, below;
   } rows[] = {
-      {true, "6.1", true, true, false},    {true, "6", true, true, false},
-      {true, "5.10", false, true, false},  {true, "6.2", false, false, true},
+      {true, "6.1", true, true, false},    {true, "5.10", false, true, false},
       {true, "6.1.5", false, false, true}, {true, "x", false, false, false},
       {false, "12", true, true, false},    {false, "11", false, true, false},
-      {false, "13", false, false, true},   {false, "12.1", false, false, true},
-      {false, "", false, false, false},
+      {false, "12.1", false, false, true}, {false, "", false, false, false},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.kernel ? "kernel " : "distribution ") +
@@ -160,9 +152,9 @@ TEST(OSInfo, RecordOfThisMachine) {
   EXPECT_FALSE(mine.IsKernelBelow(u.release));
 }
 
+// The record is shared and refreshed on every call: concurrent readers
+// must each get a whole, consistent copy.
 TEST(OSInfo, ManyThreadsReadTheRecordAtOnce) {
-  // The record is shared and refreshed on every call: concurrent readers
-  // must each get a whole, consistent copy.
   struct utsname u;
   ASSERT_EQ(0, ::uname(&u));
   const std::string release = u.release;
