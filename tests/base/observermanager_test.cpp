@@ -243,57 +243,53 @@ TEST(ObserverManager, TraceLines) {
             indented[0]);
 }
 
-// Observers detached or destroyed by a handler are skipped for the rest of
-// the delivery; the others are still called.
-TEST(ObserverManager, HandlersRemovingObservers) {
-  {
-    Observable o("o");
-    Recorder a, b, c;
-    for (Recorder* w : {&a, &b, &c}) w->Observe(&o, 1);
-    b.action = [&b](unsigned int) { b.Detach(); };
-    o.PostEvent(1, nullptr);
-    o.PostEvent(2, nullptr);
-    EXPECT_EQ(1u, b.events().size());
-    for (Recorder* w : {&a, &c}) EXPECT_EQ(2u, w->events().size());
-  }
-  // Whichever of two is called first destroys the other.
-  for (bool killer_first : {true, false}) {
-    SCOPED_TRACE(killer_first);
-    Observable o("o");
-    auto x = std::make_unique<Recorder>(), y = std::make_unique<Recorder>();
-    auto& killer =
-        (std::min(x.get(), y.get()) == x.get()) == killer_first ? x : y;
-    auto& victim = killer == x ? y : x;
+// A handler detaches itself, destroys another observer or destroys the
+// observable during a post: observers that are gone are skipped for the rest
+// of it, the others are still called; once the observable is gone only the
+// goodbyes come.
+TEST(ObserverManager, HandlersRemovingObserversOrTheObservable) {
+  enum Action { kDetachSelf, kDestroyTarget, kDestroyObservable };
+  const struct {
+    int actor;  // observers are numbered in address order
+    Action action;
+    int target;
+    std::vector<int> calls;  // in both posts, 1 and 2
+  } rows[] = {
+      {1, kDetachSelf, 0, {0, 1, 2, 0, 2}},
+      {0, kDestroyTarget, 2, {0, 1, 0, 1}},
+      {2, kDestroyTarget, 0, {0, 1, 2, 1, 2}},
+      {0, kDestroyObservable, 0, {0, 0, 1, 2}},  // post 1, then goodbyes
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.actor * 10 + row.action);
+    auto* o = new Observable("o");
+    std::vector<std::unique_ptr<Recorder>> ws(3);
+    for (auto& w : ws) w.reset(new Recorder);
+    std::sort(ws.begin(), ws.end());
+    const std::vector<Observer*> raw = {ws[0].get(), ws[1].get(), ws[2].get()};
     std::vector<Observer*> order;
-    for (Recorder* w : {x.get(), y.get()}) {
-      w->Observe(&o, 1);
+    for (auto& w : ws) {
+      w->Observe(o, 1);
       w->order = &order;
     }
-    killer->action = [&victim](unsigned int) { victim.reset(); };
-    o.PostEvent(1, nullptr);
-    EXPECT_EQ(nullptr, victim);
-    EXPECT_EQ(killer_first ? 1u : 2u, order.size());
-    o.PostEvent(2, nullptr);
-    EXPECT_EQ(2u, killer->events().size());
+    ws[row.actor]->action = [&](unsigned int event) {
+      if (event != 1) return;
+      if (row.action == kDetachSelf) ws[row.actor]->Detach();
+      if (row.action == kDestroyTarget) ws[row.target].reset();
+      if (row.action == kDestroyObservable) {
+        delete o;
+        o = nullptr;
+      }
+    };
+    o->PostEvent(1, nullptr);
+    if (o != nullptr) o->PostEvent(2, nullptr);
+    std::vector<int> calls;
+    for (Observer* w : order)
+      calls.push_back(
+          static_cast<int>(std::find(raw.begin(), raw.end(), w) - raw.begin()));
+    EXPECT_EQ(row.calls, calls);
+    delete o;
   }
-}
-
-TEST(ObserverManager, HandlerDestroyingTheObservableEndsTheDelivery) {
-  auto* o = new Observable("o");
-  Recorder a, b;
-  a.Observe(o, 1);
-  b.Observe(o, 1);
-  Recorder* first = std::min(&a, &b);
-  first->action = [&o](unsigned int event) {
-    if (event == 1) {
-      delete o;
-      o = nullptr;
-    }
-  };
-  o->PostEvent(1, nullptr);
-  ASSERT_EQ(nullptr, o);
-  EXPECT_EQ((std::vector<unsigned int>{1, 0}), first->events());
-  EXPECT_EQ((std::vector<unsigned int>{0}), std::max(&a, &b)->events());
 }
 
 // A handler posts (re-entrantly too), observes and detaches on its thread;
