@@ -256,7 +256,7 @@ TEST(ObserverManager, HandlersRemovingObserversOrTheObservable) {
     std::vector<int> calls;  // in both posts, 1 and 2
   } rows[] = {
       {1, kDetachSelf, 0, {0, 1, 2, 0, 2}},
-      {0, kDestroyTarget, 2, {0, 1, 0, 1}},
+      {0, kDestroyTarget, 1, {0, 2, 0, 2}},  // the rest still called
       {2, kDestroyTarget, 0, {0, 1, 2, 1, 2}},
       {0, kDestroyObservable, 0, {0, 0, 1, 2}},  // post 1, then goodbyes
   };
