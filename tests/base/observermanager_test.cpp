@@ -432,7 +432,7 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
   std::mutex slot_owner[kObservables];  // held by whoever replaces a slot
   for (auto& s : slots) s.store(new Observable("stress"));
   std::atomic<bool> stop{false};
-  std::atomic<long> observers_made{0}, observables_rebuilt{0};
+  std::atomic<long> observables_rebuilt{0};
   std::vector<std::thread> threads;
   for (int p = 0; p < kPosters; ++p)
     threads.emplace_back([&, p] {
@@ -453,7 +453,6 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
           continue;
         }
         auto w = std::make_unique<Checked>();
-        observers_made.fetch_add(1, std::memory_order_relaxed);
         for (unsigned int k = 0; k <= roll % 3; ++k) {
           const int i = static_cast<int>(rng() % kObservables);
           std::lock_guard<std::mutex> own(slot_owner[i]);
@@ -464,13 +463,12 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
       }
     });
   // Run for a while, and at least until every kind of churn has happened.
-  const auto start = std::chrono::steady_clock::now();
+  const auto enough =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
   const bool churned = WaitFor(
       [&] {
-        return std::chrono::steady_clock::now() - start >=
-                   std::chrono::milliseconds(2500) &&
-               observables_rebuilt.load() >= 10 &&
-               observers_made.load() >= 100 && Checked::calls.load() > 0;
+        return std::chrono::steady_clock::now() >= enough &&
+               observables_rebuilt.load() >= 10 && Checked::calls.load() > 0;
       },
       std::chrono::seconds(60));
   stop.store(true);
