@@ -165,7 +165,7 @@ std::string InPrivateHost(
   if (::geteuid() != 0) return "SKIP: namespaces need root";
   testsupport::TempFolder folder;
   if (!folder.ok()) return "no temporary folder";
-  return testsupport::RunForked([&] {
+  auto child = [&] {
     if (::unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS) != 0)
       return std::string("SKIP: unshare: ") + std::strerror(errno);
     bool ok =
@@ -182,7 +182,8 @@ std::string InPrivateHost(
     // A reactor of the child's own: the parent's may share descriptors.
     ACE_Reactor::instance(new ACE_Reactor, 1);
     return body(folder.path());
-  });
+  };
+  return testsupport::RunForked(child, 30);  // a hang fails after 30 s
 }
 
 #define EXPECT_IN_PRIVATE_HOST(...)                               \

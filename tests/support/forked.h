@@ -15,8 +15,11 @@
 namespace testsupport {
 
 // The text `fn` returned in the child, or "child failed, status N" (or the
-// pipe/fork error) when it could not run or did not finish normally.
-inline std::string RunForked(const std::function<std::string()>& fn) {
+// pipe/fork error) when it could not run or did not finish normally. A
+// child still running after `deadlineSeconds` is ended by SIGALRM, so a
+// hang shows as a failure instead of a stuck test.
+inline std::string RunForked(const std::function<std::string()>& fn,
+                             unsigned deadlineSeconds = 60) {
   int fds[2];
   if (::pipe(fds) != 0) return std::string("pipe: ") + std::strerror(errno);
   std::fflush(nullptr);
@@ -29,6 +32,7 @@ inline std::string RunForked(const std::function<std::string()>& fn) {
   }
   if (pid == 0) {
     ::close(fds[0]);
+    ::alarm(deadlineSeconds);
     const std::string text = fn();
     for (size_t done = 0; done < text.size();) {
       const ssize_t n = ::write(fds[1], text.data() + done, text.size() - done);
