@@ -7,6 +7,9 @@
 //     the node acknowledged, as soon as the answer arrives. A connection
 //     the node closes ends its thread. Exit 0 when every study was
 //     acknowledged, 3 when some were not.
+//   archive_client generate --dir DIR [--count 200] [--size BYTES]
+//     Writes the same studies `send` sends as files DIR/<n>.raw, for
+//     comparing the node with plain file tools.
 //   archive_client verify --root DIR --manifest FILE
 //     Checks every study of the manifest under DIR: the compressed block
 //     under its hashed path inflates to the bytes sent (size and SHA-256)
@@ -205,6 +208,30 @@ std::string Check(const std::string& root, const std::string& uid, size_t size,
   return "";
 }
 
+int Generate(int argc, char** argv) {
+  const std::string dir = Option(argc, argv, "--dir", "");
+  const unsigned long count =
+      std::strtoul(Option(argc, argv, "--count", "200").c_str(), nullptr, 10);
+  const size_t size =
+      std::strtoul(Option(argc, argv, "--size", "65536").c_str(), nullptr, 10);
+  if (dir.empty()) {
+    std::fprintf(stderr, "archive_client generate: need --dir\n");
+    return 2;
+  }
+  for (unsigned long i = 0; i < count; ++i) {
+    std::vector<unsigned char> data = MakeStudy(i, size);
+    std::ofstream out(dir + "/" + std::to_string(i + 1) + ".raw",
+                      std::ios::binary);
+    out.write(reinterpret_cast<const char*>(data.data()),
+              static_cast<std::streamsize>(size));
+    if (!out) {
+      std::perror(dir.c_str());
+      return 1;
+    }
+  }
+  return 0;
+}
+
 int Verify(int argc, char** argv) {
   const std::string root = Option(argc, argv, "--root", "");
   const std::string manifestPath = Option(argc, argv, "--manifest", "");
@@ -244,10 +271,14 @@ int main(int argc, char** argv) {
   if (argc >= 2 && std::strcmp(argv[1], "send") == 0) return Send(argc, argv);
   if (argc >= 2 && std::strcmp(argv[1], "verify") == 0)
     return Verify(argc, argv);
-  std::fprintf(stderr,
-               "usage: archive_client send --port P [--host H] [--threads N] "
-               "[--count N]\n"
-               "                           [--size BYTES] [--manifest FILE]\n"
-               "       archive_client verify --root DIR --manifest FILE\n");
+  if (argc >= 2 && std::strcmp(argv[1], "generate") == 0)
+    return Generate(argc, argv);
+  std::fprintf(
+      stderr,
+      "usage: archive_client send --port P [--host H] [--threads N] "
+      "[--count N]\n"
+      "                           [--size BYTES] [--manifest FILE]\n"
+      "       archive_client generate --dir DIR [--count N] [--size BYTES]\n"
+      "       archive_client verify --root DIR --manifest FILE\n");
   return 2;
 }

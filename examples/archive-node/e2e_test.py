@@ -192,7 +192,7 @@ def main():
                 block = open(os.path.join(dirpath, name), "rb").read()
                 if inflate(block) is None:
                     fail("half-written %s" % os.path.join(dirpath, name))
-            elif name.endswith(".tmp") and args.mode == "stop":
+            elif ".tmp" in name and args.mode == "stop":
                 fail("temporary file left after a clean stop: %s" % name)
     # And through the library: the .dts URLs parse back to path and UID.
     verify = subprocess.run([os.path.join(args.bin, "archive_client"), "verify",

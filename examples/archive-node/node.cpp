@@ -5,7 +5,8 @@
 // [Software\Kelvane\ArchiveNode]: StorageRoot (required), Port (default
 // 4707, 0 for any free port), ListenAddress (default 0.0.0.0),
 // WatchdogInterval and RestartInterval in seconds (5 and 0 = never),
-// ExitDelay in seconds (30), PortFile (optional: the bound port is written
+// ExitDelay in seconds (30), StoreThreads (4: stores overlap their fsyncs),
+// PortFile (optional: the bound port is written
 // there once the node listens).
 //
 // Threads: the main thread runs ACE's reactor (stop event, debug switch,
@@ -62,6 +63,7 @@ struct Settings {
   int watchdogInterval = 5;
   int restartInterval = 0;
   int exitDelay = 30;
+  int storeThreads = 4;
   std::string portFile;
 };
 
@@ -113,14 +115,17 @@ bool LoadSettings(Settings& s) {
                  s.watchdogInterval) &&
          ReadInt(config, key, "RestartInterval", 0, 1 << 30,
                  s.restartInterval) &&
-         ReadInt(config, key, "ExitDelay", 0, 3600, s.exitDelay);
+         ReadInt(config, key, "ExitDelay", 0, 3600, s.exitDelay) &&
+         ReadInt(config, key, "StoreThreads", 1, 64, s.storeThreads);
 }
 
 // Writes `size` bytes to `path` so that they survive a crash once this
 // returns true: a temporary file beside it, fsync, rename over the target,
-// fsync of the folder.
+// fsync of the folder. Temporary names are unique, so that two stores of
+// the same study at once each write their own file (the last rename wins).
 bool WriteDurable(const std::string& path, const void* data, size_t size) {
-  std::string temp = path + ".tmp";
+  static std::atomic<unsigned long> serial{0};
+  std::string temp = path + ".tmp" + std::to_string(++serial);
   int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return false;
   const char* p = static_cast<const char*>(data);
@@ -555,7 +560,7 @@ int main() {
   g_pipeline = pipeline.get();
   pipeline->receive.run(1, 0);
   pipeline->compress.run(2, 0);
-  pipeline->store.run(1, 0);
+  pipeline->store.run(settings.storeThreads, 0);
   StoreLog log;
   log.Observe(&pipeline->events, kStudyStored);
 
