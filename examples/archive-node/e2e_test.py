@@ -1,7 +1,12 @@
 #!/usr/bin/env python3
 """End-to-end run of archive_node with archive_client and comctl.
 
-  e2e_test.py --bin DIR --comctl PATH --mode stop|kill
+  e2e_test.py --bin DIR --comctl PATH --mode stop|kill|frames
+
+stop and kill send studies from four client threads and stop the node with
+the stop event or SIGKILL while they send; frames speaks the wire format
+directly (rejected UIDs, broken frames, an empty study) and ends the node
+with SIGTERM.
 
 Runs in a mount namespace of its own with a fresh /dev/shm, so that the
 machine-wide stop event it signals reaches only the node it started. Exit 0
@@ -91,7 +96,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--bin", required=True)
     parser.add_argument("--comctl", required=True)
-    parser.add_argument("--mode", choices=["stop", "kill"], required=True)
+    parser.add_argument("--mode", choices=["stop", "kill", "frames"], required=True)
     args = parser.parse_args()
     isolate()
 
@@ -118,6 +123,9 @@ def main():
                 return states
 
     env = dict(os.environ, KELVANE_CONFIG=config, NOTIFY_SOCKET=notify_path)
+    if args.mode == "frames":
+        frames(args, env, root, port_file, drain_notify, work)
+        return
     node_log = open(os.path.join(work, "node.log"), "w")
     node = subprocess.Popen([os.path.join(args.bin, "archive_node")], env=env,
                             stdout=node_log, stderr=subprocess.STDOUT)
@@ -200,6 +208,78 @@ def main():
                             capture_output=True, text=True)
     if verify.returncode != 0:
         fail("archive_client verify:\n%s%s" % (verify.stdout, verify.stderr))
+    shutil.rmtree(work)
+    print("PASS")
+
+
+def frame(uid, data, uid_length=None, data_length=None):
+    uid = uid.encode()
+    return (len(uid) if uid_length is None else uid_length).to_bytes(4, "little") + uid + \
+        (len(data) if data_length is None else data_length).to_bytes(8, "little") + data
+
+
+def answer(sock):
+    """The node's one-byte answer, or b"" once it closed the connection."""
+    sock.settimeout(20)
+    try:
+        return sock.recv(1)
+    except ConnectionResetError:
+        return b""
+
+
+def frames(args, env, root, port_file, drain_notify, work):
+    node = subprocess.Popen([os.path.join(args.bin, "archive_node")], env=env,
+                            stdout=open(os.path.join(work, "node.log"), "w"),
+                            stderr=subprocess.STDOUT)
+    try:
+        wait_for("READY=1", lambda: "READY=1" in drain_notify(), 20)
+        wait_for("the port file", lambda: os.path.exists(port_file), 5)
+        port = int(open(port_file).read())
+        with socket.create_connection(("127.0.0.1", port)) as s:
+            # UIDs the node refuses are answered R, and the connection goes on.
+            for bad in ["1..2", "1.2.", "1.2.x", ".1"]:
+                s.sendall(frame(bad, b"abc"))
+                if answer(s) != b"R":
+                    fail("UID %r was not rejected" % bad)
+                if os.path.exists(os.path.join(root, bucket(bad), bad)):
+                    fail("rejected UID %r was stored" % bad)
+            # An empty study is refused, a small one stored.
+            s.sendall(frame("1.2.3.4", b""))
+            if answer(s) != b"R":
+                fail("empty study not rejected")
+            payload = bytes(range(256)) * 3
+            s.sendall(frame("1.2.3.5", payload))
+            if answer(s) != b"S":
+                fail("small study not stored")
+        for uid, data in (("1.2.3.5", payload),):
+            block = open(os.path.join(root, bucket(uid), uid, "study.z"), "rb").read()
+            if inflate(block) != data:
+                fail("study %s does not inflate to the bytes sent" % uid)
+        # Frames that break the limits close the connection without an answer.
+        for name, raw in (("UID length 0", frame("", b"x", uid_length=0)),
+                          ("UID length 65", (65).to_bytes(4, "little") + b"1" * 65),
+                          ("study above 256 MiB", frame("1.2.3.6", b"", data_length=(256 << 20) + 1))):
+            with socket.create_connection(("127.0.0.1", port)) as s:
+                s.sendall(raw)
+                if answer(s) != b"":
+                    fail("%s was answered instead of closing the connection" % name)
+        if os.path.exists(os.path.join(root, bucket("1.2.3.6"), "1.2.3.6")):
+            fail("an oversized study was stored")
+        # A study cut short by its client is not stored.
+        with socket.create_connection(("127.0.0.1", port)) as s:
+            s.sendall(frame("1.2.3.7", b"", data_length=1000) + b"x" * 10)
+        node.send_signal(signal.SIGTERM)
+        code = node.wait(timeout=30)
+    finally:
+        if node.poll() is None:
+            node.kill()
+            node.wait()
+    if code != 0:
+        fail("the node exited with %d after SIGTERM" % code)
+    if "STOPPING=1" not in drain_notify():
+        fail("no STOPPING=1 after SIGTERM")
+    if os.path.exists(os.path.join(root, bucket("1.2.3.7"), "1.2.3.7")):
+        fail("a study cut short was stored")
     shutil.rmtree(work)
     print("PASS")
 

@@ -339,11 +339,6 @@ class CompressRequest : public StageRequest {
         done += chunk;
       }
       out.Flush();
-      if (s.bytes.empty()) {
-        // An empty study still gets a complete block: length 0, empty stream.
-        out.WriteBytes("", 0);
-        out.Flush();
-      }
       s.block.assign(out.Data(), out.Data() + out.CurPos());
     } catch (const std::exception& e) {
       ACE_DEBUG((LM_ERROR, "archive_node: cannot compress %C: %C\n",
@@ -365,9 +360,11 @@ class ReceiveRequest : public StageRequest {
 
  protected:
   int ExecuteImpl() override {
-    if (!archive::ValidUid(study_->uid)) {
-      ACE_DEBUG((LM_WARNING, "archive_node: rejected a study with UID \"%C\"\n",
-                 study_->uid.c_str()));
+    if (!archive::ValidUid(study_->uid) || study_->bytes.empty()) {
+      ACE_DEBUG(
+          (LM_WARNING,
+           "archive_node: rejected a study with UID \"%C\" and %B bytes\n",
+           study_->uid.c_str(), static_cast<ACE_UINT64>(study_->bytes.size())));
       Answer(*study_, archive::kRejected);
       return 0;
     }
@@ -489,7 +486,7 @@ class Receiver : public ACE_Event_Handler {
         c.need = length;
         c.got = 0;
         if (length > 0) return true;
-        [[fallthrough]];  // an empty study is complete
+        [[fallthrough]];  // an empty study is complete (and rejected)
       }
       case Connection::kBody: {
         auto study = std::make_shared<Study>();

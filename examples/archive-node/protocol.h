@@ -4,10 +4,12 @@
 // A connection carries any number of studies, one at a time:
 //   client -> node  u32 LE  UID length (1..64)
 //                   bytes   the study instance UID (digits and dots)
-//                   u64 LE  study length (at most kMaxStudyBytes)
+//                   u64 LE  study length (at most kMaxStudyBytes; an empty
+//                           study is answered kRejected)
 //                   bytes   the study
 //   node -> client  1 byte  kStored once the study is durable on disk,
-//                           kRejected when it was not stored
+//                           kRejected when it was not stored (bad UID,
+//                           empty study, a failure to store)
 // The client sends the next study only after the answer to the last one.
 #ifndef COM_EXAMPLES_ARCHIVE_NODE_PROTOCOL_H_
 #define COM_EXAMPLES_ARCHIVE_NODE_PROTOCOL_H_
