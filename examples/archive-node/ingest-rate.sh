@@ -37,8 +37,8 @@ run_files() {  # size count -> MiB/s of cp + gzip -1 + sync
   python3 -c "print('%.1f' % ($count * $size / 1048576 / ($end - $start)))"
   rm -rf "$work/dst"
 }
-for spec in "1048576 200" "65536 2000"; do
-  set -- $spec
+for run in "1048576 200" "65536 2000"; do
+  set -- $run
   for round in 1 2 3; do
     echo "size=$1 count=$2 round=$round node=$(run_node "$1" "$2") MiB/s cp+gzip=$(run_files "$1" "$2") MiB/s"
   done
