@@ -1,18 +1,20 @@
 # Entry points: make demo, make test, make test-asan, make test-tsan,
-# make bench, make fuzz, make install PREFIX=..., make format.
+# make bench, make fuzz, make install PREFIX=..., make package, make format.
 JOBS     ?= $(shell nproc)
 PREFIX   ?= /usr/local
 FUZZ_SECONDS ?= 60
 CMAKE    ?= cmake
 CTEST    ?= ctest
 
-.PHONY: all deps demo test test-asan test-tsan bench fuzz install format clean
+.PHONY: all deps demo test test-asan test-tsan bench fuzz install package format clean
 
 all: build/.configured
 	$(CMAKE) --build build -j $(JOBS)
 
+# What the default build dir needs (library, examples, tests); the bench,
+# fuzz and package builds install their own extra groups.
 deps:
-	@scripts/install-deps.sh
+	@scripts/install-deps.sh build test
 
 build/.configured: | deps
 	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCOM_BUILD_TESTS=ON
@@ -48,6 +50,7 @@ test-tsan: deps build-tsan/.configured
 	  $(CTEST) --output-on-failure -j $(JOBS)
 
 build-bench/.configured: | deps
+	@scripts/install-deps.sh bench
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DCOM_BUILD_BENCH=ON
 	@touch $@
 
@@ -62,6 +65,7 @@ bench: build-bench/.configured
 	@python3 scripts/bench-ratios.py build-bench/results/*.json
 
 build-fuzz/.configured: | deps
+	@scripts/install-deps.sh fuzz
 	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCOM_FUZZ=ON -DCOM_BUILD_EXAMPLES=OFF
 	@touch $@
@@ -80,8 +84,19 @@ install: | deps
 	$(CMAKE) --build build-install -j $(JOBS)
 	$(CMAKE) --install build-install
 
+# Debian packages libcom1, libcom-dev and com-tools in build-package/.
+build-package/.configured:
+	@scripts/install-deps.sh package
+	$(CMAKE) -S . -B build-package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr
+	@touch $@
+
+package: build-package/.configured
+	$(CMAKE) --build build-package -j $(JOBS) --target com comctl archive_node archive_client
+	cd build-package && cpack -G DEB
+	@ls -1 build-package/*.deb
+
 format:
-	find common tests bench examples fuzz -name '*.h' -o -name '*.cpp' | xargs clang-format -i
+	find common tests bench examples fuzz tools -name '*.h' -o -name '*.cpp' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz build-install
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-install build-package
