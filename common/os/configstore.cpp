@@ -20,6 +20,30 @@
 
 namespace Kelvane {
 
+namespace {
+
+int ReadWholeFile(const char* path, std::string* text) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  char buf[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      int saved = errno;
+      ::close(fd);
+      errno = saved;
+      return -1;
+    }
+    if (n == 0) break;
+    text->append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return 0;
+}
+
+}  // namespace
+
 namespace internal {
 
 namespace {
@@ -186,24 +210,7 @@ int ConfigStore::ImportIni(ACE_Configuration& config, const char* file) {
     return -1;
   }
   std::string text;
-  {
-    int fd = ::open(file, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    char buf[16384];
-    for (;;) {
-      ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        int saved = errno;
-        ::close(fd);
-        errno = saved;
-        return -1;
-      }
-      if (n == 0) break;
-      text.append(buf, static_cast<size_t>(n));
-    }
-    ::close(fd);
-  }
+  if (ReadWholeFile(file, &text) != 0) return -1;
   const std::string canonical = internal::CanonicalIniText(text);
 
   // The importer only reads named files: hand it the canonical text through
@@ -277,26 +284,6 @@ int ConfigStore::GetString(ACE_Configuration& config,
 }
 
 namespace {
-
-int ReadWholeFile(const char* path, std::string* text) {
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  char buf[16384];
-  for (;;) {
-    ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      int saved = errno;
-      ::close(fd);
-      errno = saved;
-      return -1;
-    }
-    if (n == 0) break;
-    text->append(buf, static_cast<size_t>(n));
-  }
-  ::close(fd);
-  return 0;
-}
 
 int WriteAll(int fd, const std::string& text) {
   size_t done = 0;
