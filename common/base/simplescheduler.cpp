@@ -8,8 +8,6 @@
 
 namespace {
 
-// Atomic so that the unlocked first test of the double-checked creation is
-// an acquire read of a fully built scheduler.
 std::atomic<SimpleScheduler*> g_scheduler{nullptr};
 
 }  // namespace
@@ -24,18 +22,8 @@ SimpleScheduler::~SimpleScheduler() {
 }
 
 SimpleScheduler* SimpleScheduler::Instance() {
-  SimpleScheduler* scheduler = g_scheduler.load(std::memory_order_acquire);
-  if (scheduler != nullptr) return scheduler;
-
-  ACE_Thread_Mutex* lock = Kelvane::internal::SingletonLock();
-  if (lock == nullptr) return nullptr;
-  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *lock, nullptr);
-  scheduler = g_scheduler.load(std::memory_order_relaxed);
-  if (scheduler == nullptr) {
-    scheduler = new SimpleScheduler;
-    g_scheduler.store(scheduler, std::memory_order_release);
-  }
-  return scheduler;
+  return Kelvane::internal::CreateOnce(g_scheduler,
+                                       [] { return new SimpleScheduler; });
 }
 
 void SimpleScheduler::Destroy() {

@@ -112,18 +112,8 @@ std::string FormatTableLine(unsigned int tag, const char* description,
 }  // namespace Kelvane
 
 TagMapper* TagMapper::Instance() {
-  TagMapper* mapper = g_instance.load(std::memory_order_acquire);
-  if (mapper != nullptr) return mapper;
-
-  ACE_Thread_Mutex* lock = Kelvane::internal::SingletonLock();
-  if (lock == nullptr) return nullptr;
-  ACE_GUARD_RETURN(ACE_Thread_Mutex, guard, *lock, nullptr);
-  mapper = g_instance.load(std::memory_order_relaxed);
-  if (mapper == nullptr) {
-    mapper = new TagMapper;
-    g_instance.store(mapper, std::memory_order_release);
-  }
-  return mapper;
+  return Kelvane::internal::CreateOnce(g_instance,
+                                       [] { return new TagMapper; });
 }
 
 TagMapper::TagMapper() : index_(nullptr) {
