@@ -1,13 +1,12 @@
 #include "common/os/osnetwork.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <ifaddrs.h>
 #include <libmount/libmount.h>
-#include <linux/if_packet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -25,6 +24,7 @@
 #include <ace/Sock_Connect.h>
 
 #include "common/base/comlog.h"
+#include "common/base/internal/uidgenerator_internal.h"
 #include "common/base/stringutils.h"
 #include "common/os/internal/osnetwork_internal.h"
 
@@ -338,21 +338,17 @@ int GetLocalIPAddresses(std::vector<ACE_CString>& addresses) {
 }
 
 int GetMacAddresses(std::vector<ACE_CString>& addresses) {
-  struct ifaddrs* list = nullptr;
-  if (::getifaddrs(&list) != 0) return -1;
-  for (struct ifaddrs* i = list; i != nullptr; i = i->ifa_next) {
-    if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_PACKET) {
-      continue;
-    }
-    // sll_addr holds eight bytes, so the first six are always there.
-    const unsigned char* b =
-        reinterpret_cast<const struct sockaddr_ll*>(i->ifa_addr)->sll_addr;
+  std::vector<uidgenerator_internal::Adapter> adapters;
+  if (uidgenerator_internal::ReadAdapters(&adapters) != 0) return -1;
+  for (const uidgenerator_internal::Adapter& a : adapters) {
+    // Shorter hardware addresses read as zeros past their end.
+    unsigned char b[6] = {0, 0, 0, 0, 0, 0};
+    std::memcpy(b, a.address.data(), std::min<size_t>(a.address.size(), 6));
     char text[18];
     std::snprintf(text, sizeof text, "%02X-%02X-%02X-%02X-%02X-%02X", b[0],
                   b[1], b[2], b[3], b[4], b[5]);
     addresses.push_back(ACE_CString(text));
   }
-  ::freeifaddrs(list);
   return 0;
 }
 
