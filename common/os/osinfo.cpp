@@ -60,18 +60,19 @@ std::string OsReleaseValue(const std::string& text, const char* key) {
     while (!v.empty() &&
            (v.back() == ' ' || v.back() == '\t' || v.back() == '\r'))
       v.pop_back();
-    if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') &&
-        v.back() == v.front()) {
-      const bool single = v.front() == '\'';
+    // Single quotes keep everything; otherwise a backslash escapes the
+    // next character, as in a shell.
+    if (v.size() >= 2 && v.front() == '\'' && v.back() == '\'') {
       v = v.substr(1, v.size() - 2);
-      if (!single) {
-        std::string plain;
-        for (size_t i = 0; i < v.size(); ++i) {
-          if (v[i] == '\\' && i + 1 < v.size()) ++i;
-          plain += v[i];
-        }
-        v = plain;
+    } else {
+      if (v.size() >= 2 && v.front() == '"' && v.back() == '"')
+        v = v.substr(1, v.size() - 2);
+      std::string plain;
+      for (size_t i = 0; i < v.size(); ++i) {
+        if (v[i] == '\\' && i + 1 < v.size()) ++i;
+        plain += v[i];
       }
+      v = plain;
     }
     found = v;  // the last assignment wins, as in a shell
   }

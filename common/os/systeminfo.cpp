@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "common/base/comlog.h"
+#include "common/os/internal/osinforules.h"
 #include "common/os/internal/packagenote.h"
 #include "common/os/internal/systeminforules.h"
 #include "common/os/osinfo.h"
@@ -176,45 +177,12 @@ void ApplyWindowsName(const OSVersionRecord& v, ACE_CString& name) {
   }
 }
 
-namespace {
-
-// One os-release value: quotes removed, backslash escapes resolved.
-std::string Unquote(const std::string& raw) {
-  if (raw.size() >= 2 && raw.front() == '\'' && raw.back() == '\'')
-    return raw.substr(1, raw.size() - 2);
-  std::string v = raw;
-  if (v.size() >= 2 && v.front() == '"' && v.back() == '"')
-    v = v.substr(1, v.size() - 2);
-  std::string out;
-  for (size_t i = 0; i < v.size(); ++i) {
-    if (v[i] == '\\' && i + 1 < v.size()) ++i;
-    out += v[i];
-  }
-  return out;
-}
-
-}  // namespace
-
 ACE_CString LinuxName(const char* osRelease, const char* sysname,
                       const char* release) {
-  std::string pretty, nameField, version;
-  if (osRelease) {
-    std::istringstream in(osRelease);
-    std::string line;
-    while (std::getline(in, line)) {
-      size_t eq = line.find('=');
-      if (line.empty() || line[0] == '#' || eq == std::string::npos) continue;
-      std::string key = line.substr(0, eq);
-      std::string value = line.substr(eq + 1);
-      while (!value.empty() && (value.back() == ' ' || value.back() == '\t' ||
-                                value.back() == '\r'))
-        value.pop_back();
-      value = Unquote(value);
-      if (key == "PRETTY_NAME") pretty = value;
-      if (key == "NAME") nameField = value;
-      if (key == "VERSION") version = value;
-    }
-  }
+  const std::string text = osRelease ? osRelease : "";
+  const std::string pretty = OSInfoRules::OsReleaseValue(text, "PRETTY_NAME");
+  const std::string nameField = OSInfoRules::OsReleaseValue(text, "NAME");
+  const std::string version = OSInfoRules::OsReleaseValue(text, "VERSION");
   std::string result;
   if (!pretty.empty()) {
     result = pretty;
