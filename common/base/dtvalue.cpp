@@ -27,12 +27,6 @@ constexpr unsigned kPow10[] = {1, 10, 100, 1000, 10000, 100000, 1000000};
 
 }  // namespace
 
-unsigned DaysInMonth(unsigned y, unsigned m) {
-  static const unsigned char kDays[] = {31, 28, 31, 30, 31, 30,
-                                        31, 31, 30, 31, 30, 31};
-  return kDays[m - 1] + (m == 2 && calendar::IsLeap(y) ? 1 : 0);
-}
-
 bool ParseDT(const char* begin, const char* end, DTValue& out) {
   // The body runs to the first '+' or '-'; the offset, if any, is the rest.
   const char* body_end = begin;
@@ -52,7 +46,7 @@ bool ParseDT(const char* begin, const char* end, DTValue& out) {
         v.month = static_cast<unsigned char>(f);
         break;
       case 1:
-        if (f < 1 || f > DaysInMonth(v.year, v.month)) return false;
+        if (f < 1 || f > calendar::DaysInMonth(v.year, v.month)) return false;
         v.day = static_cast<unsigned char>(f);
         break;
       case 2:
@@ -117,8 +111,8 @@ int64_t WallMicrosEnd(const DTValue& v) {
       return WallMicros(next) +
              (calendar::IsLeap(v.year) ? 366 : 365) * kMicrosPerDay - 1;
     case DTValue::Month:
-      return WallMicros(next) + DaysInMonth(v.year, v.month) * kMicrosPerDay -
-             1;
+      return WallMicros(next) +
+             calendar::DaysInMonth(v.year, v.month) * kMicrosPerDay - 1;
     case DTValue::Day:
       step = kMicrosPerDay;
       break;

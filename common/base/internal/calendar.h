@@ -22,6 +22,12 @@ constexpr bool IsLeap(uint32_t y) {
   return y % 400 == 0 || (y % 4 == 0 && y % 100 != 0);
 }
 
+// Days in month m (1..12) of year y.
+constexpr uint32_t DaysInMonth(uint32_t y, uint32_t m) {
+  constexpr uint8_t kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  return kDays[m - 1] + (m == 2 && IsLeap(y) ? 1 : 0);
+}
+
 // Days before month m with a 30-day February: Jan 0, Feb 31, Mar 61, ...
 // Unsigned 32-bit on purpose: month 0 wraps to a large value, as callers
 // that pass unchecked months expect.

@@ -19,9 +19,6 @@ constexpr int64_t kMicrosPerDay = 86400 * kMicrosPerSecond;
 // exactly those characters.
 bool ParseDT(const char* begin, const char* end, DTValue& out);
 
-// Days in month m (1..12) of year y.
-unsigned DaysInMonth(unsigned y, unsigned m);
-
 // Microseconds since 1970-01-01 00:00 of the value's fields read as UTC,
 // offset not applied. A leap second adds one second to second 59.
 int64_t WallMicros(const DTValue& v);
