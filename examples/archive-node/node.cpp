@@ -253,15 +253,6 @@ void Answer(Study& study, unsigned char code) {
                study.uid.c_str()));
 }
 
-// The time of a store. The store workers take it one at a time: libc guards
-// its time-zone state with a lock ThreadSanitizer cannot see, and the cost
-// is nothing beside the fsyncs around it.
-BDateTime Now() {
-  static std::mutex lock;
-  std::lock_guard<std::mutex> hold(lock);
-  return BDateTime::Now();
-}
-
 class StageRequest : public MethodRequest {
  public:
   explicit StageRequest(std::shared_ptr<Study> study)
@@ -307,8 +298,8 @@ class StoreRequest : public StageRequest {
                       s.block.size()))
       return false;
     try {
-      DTSStudyURL url(path, "", s.uid.c_str(), ARCHIVE, "", 0, Now(), false,
-                      "");
+      DTSStudyURL url(path, "", s.uid.c_str(), ARCHIVE, "", 0, BDateTime::Now(),
+                      false, "");
       const ACE_CString& text = url.url();
       return WriteDurable(StackUtils::getMetaFilePath(path).c_str(),
                           text.c_str(), text.length());

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <mutex>
 
 #include "common/base/bdate.h"
 #include "common/base/btime.h"
@@ -21,6 +22,11 @@ bool ToLocalTm(int64_t seconds, struct tm& out) {
     return false;
   }
   time_t t = static_cast<time_t>(seconds);
+  // The C library guards its zone state with a lock of its own that thread
+  // checkers cannot see; one lock here makes concurrent conversions visibly
+  // ordered, at no cost beside the conversion itself.
+  static std::mutex lock;
+  std::lock_guard<std::mutex> hold(lock);
   tzset();
   return localtime_r(&t, &out) != nullptr;
 }
