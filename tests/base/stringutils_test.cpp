@@ -72,7 +72,7 @@ TEST(StringUtils, CaseAndNumbers) {
   }
 }
 
-TEST(StringUtils, Filters) {
+TEST(StringUtils, FiltersAndTrims) {
   EXPECT_STREQ("|100| 01", (Kelvane::removeLeadingZeros("000") + "|" +
                             Kelvane::removeLeadingZeros("0100") + "|" +
                             Kelvane::removeLeadingZeros(" 01"))
@@ -81,16 +81,18 @@ TEST(StringUtils, Filters) {
   EXPECT_STREQ("123",
                Kelvane::removeNonAlphaAndAlphaNumerics("AB-12.3c").c_str());
   EXPECT_STREQ("AB123c", Kelvane::removeNonAlphaNumerics("AB-12.3c").c_str());
-  // Bytes above 0x7F are neither letters nor digits in the classic locale.
-  EXPECT_STREQ("ab", Kelvane::removeNonAlphaNumerics("a\xe9\xff"
-                                                     "b")
-                         .c_str());
-  // Embedded NULs are dropped, not treated as the end.
-  ACE_CString withNul(
-      "1\0"
-      "2",
-      3);
-  EXPECT_STREQ("12", Kelvane::removeNonAlphaAndAlphaNumerics(withNul).c_str());
+  // Bytes above 0x7F are neither letters nor digits in the classic locale;
+  // embedded NULs are dropped, not taken as the end.
+  const ACE_CString odd(
+      "a\xe9\0001\xff"
+      "b",
+      6);
+  EXPECT_STREQ("a1b", Kelvane::removeNonAlphaNumerics(odd).c_str());
+  EXPECT_STREQ("x- | -- x||abc", (Kelvane::trimLeft(" -- x- ", " -") + "|" +
+                                  Kelvane::trimRight(" -- x- ", "- ") + "|" +
+                                  Kelvane::trimRight("///", "/") + "|" +
+                                  Kelvane::trimLeft("abc", ""))
+                                     .c_str());
 }
 
 TEST(StringUtils, SplitString) {
@@ -115,14 +117,6 @@ TEST(StringUtils, SplitString) {
   EXPECT_EQ(0u, Kelvane::splitString("", ",", out));
   EXPECT_EQ(3u, Kelvane::splitString("1,2", ",", out));
   EXPECT_EQ((std::vector<std::string>{"keep", "1", "2"}), Strs(out));
-}
-
-TEST(StringUtils, Trim) {
-  EXPECT_STREQ("x- | -- x||abc", (Kelvane::trimLeft(" -- x- ", " -") + "|" +
-                                  Kelvane::trimRight(" -- x- ", "- ") + "|" +
-                                  Kelvane::trimRight("///", "/") + "|" +
-                                  Kelvane::trimLeft("abc", ""))
-                                     .c_str());
 }
 
 TEST(StringUtils, MatchesWildcardIsARegularExpression) {
