@@ -9,7 +9,6 @@
 #include "common/base/dateutils.h"
 
 #include "support/civil.h"
-#include "support/scopedtz.h"
 
 namespace {
 
@@ -97,12 +96,6 @@ TEST(BDate, ArithmeticComparisonAndStreams) {
   std::ostringstream out;
   out << d << '|' << BDate();
   EXPECT_EQ("20240315|00000000", out.str());
-}
-
-TEST(BDate, FromSecondsUsesTheLocalDate) {
-  comtest::ScopedTZ tz("Australia/Lord_Howe");  // 13:00 UTC is 00:00 there
-  EXPECT_EQ(20240116u, Ymd(BDate(static_cast<ACE_INT64>(
-                           comtest::UtcSeconds(2024, 1, 15, 13, 0, 0)))));
 }
 
 // Every day of the valid range against an independent calendar: the day

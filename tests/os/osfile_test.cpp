@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
