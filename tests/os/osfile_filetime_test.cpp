@@ -73,8 +73,7 @@ TEST(OSFileTimes, Failures) {
   BDateTime dt("20240315 120000");
   BDateTime const before = dt;
   // Above the signed range, and before 1601 once made local.
-  for (ACE_UINT64 ft :
-       {Kelvane::kFileTimeMax + 1, ~ACE_UINT64(0), ACE_UINT64(0)}) {
+  for (ACE_UINT64 ft : {Kelvane::kFileTimeMax + 1, ACE_UINT64(0)}) {
     EXPECT_FALSE(Kelvane::UTCToBDateTime(ft, dt)) << ft;
   }
   EXPECT_TRUE(before == dt);
