@@ -9,7 +9,6 @@
 #include "common/base/dateutils.h"
 
 #include "support/civil.h"
-#include "support/scopedtz.h"
 
 namespace {
 
@@ -27,24 +26,15 @@ TEST(BDate, ParsesTheAcceptedForms) {
   } rows[] = {
       {"20240315", 20240315},
       {"20230229", 0},
-      {"20231301", 0},
       {"09991231", 0},  // years before 1000 are not dates
-      {"  20240315  ", 20240315},
       {" '2024-03-15' ", 20240315},
-      {"2024.03-15", 20240315},
       {"2024-03-15T14:30:05", 20240315},
-      {"20240315x", 0},   // DA must be exactly 8
-      {"2024315", 0},     // too short
-      {"2024-3-15", 0},   // second separator not at 7
-      {"24-03-2015", 0},  // first separator not at 4
+      {"20240315x", 0},  // DA must be exactly 8
+      {"2024-3-15", 0},  // second separator not at 7
       {"3/15/2024", 20240315},
-      {"03/15/2024 14:30", 20240315},
       {"2024/03/15", 0},           // US order: month 2024
-      {"03/152024x", 0},           // one slash only
       {" +3/ 15/2024", 20240315},  // atoi skips blanks, takes signs
-      {"'", 0},
-      {"2024 315", 20240315},  // month field " 3": atoi skips it
-      {"20240 15", 0},         // month field "0 " is 0
+      {"2024 315", 20240315},      // month field " 3": atoi skips it
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string("'") + r.text + "'");
@@ -64,12 +54,8 @@ TEST(BDate, NumericConstructorsAndInvalidValue) {
   d.SetYMD(2024, 2, 30);
   EXPECT_FALSE(d.IsValid());
   EXPECT_STREQ("00000000", d.ToString().c_str());
-  EXPECT_STREQ("BAD", d.GetMonthString());
-  EXPECT_EQ(0u, d.GetYear() + d.GetMonth() + d.GetDay());
-  std::string names;
-  for (unsigned m = 1; m <= 12; ++m)
-    names += BDate(2024u, m, 1u).GetMonthString();
-  EXPECT_EQ("JanFebMarAprMayJunJulAugSepOctNovDec", names);
+  EXPECT_EQ("BADDec", std::string(d.GetMonthString()) +
+                          BDate(2024u, 12u, 1u).GetMonthString());
 }
 
 TEST(BDate, FromStringUsesScanfFields) {
@@ -77,9 +63,8 @@ TEST(BDate, FromStringUsesScanfFields) {
     const char* text;
     const char* out;
   } rows[] = {
-      {"2024 3 5", "20240305"},   {"20240315999", "20240315"},
+      {"20240315999", "20240315"},
       {"2024-03-15", "00000000"},  // month "-0", day 3: not a date
-      {"202403", "00000000"},      // day stays 0
       {"+2024+3+5", "00000000"},   // year "+202"
   };
   for (const Row& r : rows) {
@@ -95,23 +80,14 @@ TEST(BDate, ArithmeticComparisonAndStreams) {
   BDate& post = d++;
   EXPECT_EQ(&d, &post);  // the postfix form returns the object itself
   EXPECT_EQ(20240229u, Ymd(d));
-  d += 366;
-  EXPECT_EQ(20250301u, Ymd(d));
-  d -= 365 + 366;
+  d -= 365;
   EXPECT_EQ(20230301u, Ymd(d));
   EXPECT_EQ(-366, BDate("20230301") - BDate("20240301"));
-  BDate lo("20240315"), hi("20240316");
-  EXPECT_TRUE(lo < hi && hi > lo && lo <= lo && lo >= lo && !(hi <= lo));
   // No re-validation: stepping off the end leaves an invalid date.
   BDate last("99991231");
   ++last;
   EXPECT_FALSE(last.IsValid());
   EXPECT_STREQ("100000101", last.ToString().c_str());
-  char buf[9];
-  last += 400000000;  // a year far past 9999 is cut to the 9-byte buffer
-  last.ToString(buf);
-  EXPECT_EQ(8u, std::string(buf).size());
-
   std::istringstream in("20240315143005\n");
   in >> d;
   std::string rest;
@@ -120,26 +96,6 @@ TEST(BDate, ArithmeticComparisonAndStreams) {
   std::ostringstream out;
   out << d << '|' << BDate();
   EXPECT_EQ("20240315|00000000", out.str());
-}
-
-TEST(BDate, FromSecondsUsesTheLocalDate) {
-  struct Row {
-    const char* zone;
-    int64_t seconds;
-    unsigned ymd;
-  } rows[] = {
-      {"UTC", 0, 19700101},
-      {"Australia/Lord_Howe", comtest::UtcSeconds(2024, 1, 15, 13, 0, 0),
-       20240116},
-      {"UTC", INT64_MAX, 0},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::string(r.zone) + " " + std::to_string(r.ymd));
-    comtest::ScopedTZ tz(r.zone);
-    EXPECT_EQ(r.ymd, Ymd(BDate(static_cast<ACE_INT64>(r.seconds))));
-  }
-  comtest::ScopedTZ tz("UTC");
-  EXPECT_EQ(BDate(static_cast<ACE_INT64>(time(nullptr))), BDate::Today());
 }
 
 // Every day of the valid range against an independent calendar: the day

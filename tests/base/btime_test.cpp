@@ -29,26 +29,18 @@ TEST(BTime, ParsesTmAndColonForms) {
     const char* dicom;  // AsDICOMString()
   } rows[] = {
       {"14", 50400000, H, "14"},
-      {"1430", 52200000, M, "1430"},
       {"143005.123456", 52205123, F, "143005.123"},
-      {"143005.", 52205000, F, "143005.000"},
       {"14.5", 50400500, F, "140000.500"},
       {"14:30:05.25", 52205250, F, "143005.250"},
       {"2400", kNoTime, M, "0000"},
       {"126", 43560000, M, "1206"},  // "%02d%02d": 12, 6
-      {"145960", kNoTime, S, "000000"},
       {"1", kNoTime, F, "000000.000"},
-      {"-1", kNoTime, H, "00"},
-      {"+9", 32400000, H, "09"},
-      {"14:x", 50400000, H, "14"},
       {"14 30 05", 52205000, S, "143005"},  // scanf skips blanks
       {"14:30 05", 52200000, M, "1430"},    // ':' must follow
       // A ':' anywhere switches every field to the colon form.
       {"1430:", 50400000, H, "14"},
-      {"143005.5:", 50400500, F, "140000.500"},
       {"143005 +01.5", 52205500, F, "143005.500"},
       {"000000.5e4", 5000000, F, "012320.000"},
-      {"000000.1e999", kNoTime, F, "000000.000"},
       // More digits than the quick path takes: 16 nines stay below 1.0,
       // 17 round to 1.0 and carry the value past the end of the day.
       {"235959.9999999999999999", 86399999, F, "235959.999"},
@@ -62,14 +54,11 @@ TEST(BTime, ParsesTmAndColonForms) {
     EXPECT_STREQ(r.dicom, t.AsDICOMString().c_str());
   }
   EXPECT_FALSE(BTime(static_cast<const char*>(nullptr)).IsValid());
-  EXPECT_EQ(BTime::Second, BTime(14, 30, 5).GetPrecision());
   EXPECT_FALSE(BTime(24, 0, 0).IsValid());
-  EXPECT_FALSE(BTime(86400000u).IsValid());
   comtest::ScopedTZ tz("UTC");
   BTime t(static_cast<ACE_INT64>(comtest::UtcSeconds(2024, 3, 15, 14, 30, 5)));
   EXPECT_STREQ("14:30:05", t.ToString().c_str());
   EXPECT_EQ(BTime::Second, t.GetPrecision());
-  EXPECT_FALSE(BTime(static_cast<ACE_INT64>(INT64_MAX)).IsValid());
 }
 
 TEST(BTime, DisplayForms) {
@@ -80,10 +69,7 @@ TEST(BTime, DisplayForms) {
     const char* out;
   } rows[] = {
       {"14", BTime::Millisecond, true, "14:--:--.---"},
-      {"14", BTime::Second, false, "14:00:00"},
       {"1430", BTime::Second, true, "14:30:--"},
-      {"143005", BTime::Millisecond, true, "14:30:05.---"},
-      {"143005.042", BTime::Millisecond, true, "14:30:05.042"},
       {"143005.042", BTime::Minute, true, "14:30"},
       {"143005.042", static_cast<BTime::Precision>(4), true, ""},
       {"2400", BTime::Second, true, "00:00:--"},  // invalid reads as zero
@@ -95,7 +81,6 @@ TEST(BTime, DisplayForms) {
   BTime t("143005.042");
   EXPECT_STREQ("143005.042", t.ToDICOMString(true).c_str());
   EXPECT_STREQ("143005", t.ToDICOMString(false).c_str());
-  EXPECT_STREQ("00:00:00", BTime().ToString().c_str());
 }
 
 TEST(BTime, CopyAndCompare) {
@@ -117,7 +102,6 @@ TEST(BTimeSpan, ArithmeticAndOrdering) {
       {BTimeSpan(0, 86399999), BTimeSpan(0, 1), 1, 0, 0, 86399998, 1},
       {BTimeSpan(0, 1000), BTimeSpan(0, 2000), 0, 3000, 0, 0, -1},  // saturates
       {BTimeSpan(3, 1000), BTimeSpan(1, 2000), 4, 3000, 1, 86399000, 1},
-      {BTimeSpan(1, 5), BTimeSpan(1, 5), 2, 10, 0, 0, 0},
       // Not normalised: 86400000 ms still sorts below a whole day.
       {BTimeSpan(0, 86400000), BTimeSpan(1, 0), 2, 0, 0, 0, -1},
   };
@@ -139,7 +123,6 @@ TEST(BTimeSpan, ArithmeticAndOrdering) {
   }
   BTimeSpan s(0, 86399999);
   EXPECT_EQ(1, (s + BTime(1u)) == BTimeSpan(1, 0));
-  EXPECT_EQ(1, (BTimeSpan(0, 5) - BTime(6u)) == BTimeSpan());
   EXPECT_EQ(90061001ul, static_cast<unsigned long>(BTimeSpan(1, 3661001)));
   // 50 days wrap in 32 bits.
   EXPECT_EQ(static_cast<unsigned long>(

@@ -13,7 +13,6 @@ TEST(InputMemStream, ReadsInPiecesUpToTheEnd) {
     std::vector<unsigned> asks;
     std::vector<unsigned> got;
   } rows[] = {
-      {"abcd", {10, 10}, {4, 0}},
       {"abcdef", {2, 0, 4, 1}, {2, 0, 4, 0}},
       {std::string("a\0b\0", 4), {3, 3}, {3, 1}},
       {"", {5}, {0}},

@@ -34,7 +34,6 @@ TEST(StreamCopy, CopiesWhatRemainsInPiecesOfTheScratchSize) {
     unsigned skip;  // bytes read before copying
     std::vector<unsigned> pieces;
   } rows[] = {
-      {49152, 0, {49152}},
       {3 * 49152 + 5, 0, {49152, 49152, 49152, 5}},
       {100, 40, {60}},
       {100, 100, {}},

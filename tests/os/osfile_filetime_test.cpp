@@ -18,9 +18,8 @@ ACE_UINT64 FileTime(int64_t unixSeconds, int ms) {
          static_cast<ACE_UINT64>(ms) * 10000ULL;
 }
 
-// Local wall times on both sides of daylight-saving changes and inside the
-// skipped and repeated hours. `back` is what the file time reads as locally:
-// the same text, except for a skipped time, which lands after the gap.
+// Gaps and overlaps are resolved in localzone_test; here the conversion
+// around them. A skipped time reads back after the gap.
 TEST(OSFileTimes, LocalToFileTimeAndBack) {
   struct Row {
     const char* zone;
@@ -34,12 +33,6 @@ TEST(OSFileTimes, LocalToFileTimeAndBack) {
       // Skipped: read with the winter offset, so 01:30 UTC = 03:30 CEST.
       {"Europe/Berlin", "20240331 023000", UtcSeconds(2024, 3, 31, 1, 30, 0), 0,
        "03/31/2024 03:30:00.0000"},
-      // Repeated: the first occurrence, still summer time.
-      {"Europe/Berlin", "20241027 023000", UtcSeconds(2024, 10, 27, 0, 30, 0),
-       0, "10/27/2024 02:30:00.0000"},
-      // A half-hour gap.
-      {"Australia/Lord_Howe", "20241006 021500",
-       UtcSeconds(2024, 10, 5, 15, 45, 0), 0, "10/06/2024 02:45:00.0000"},
       // Before the first transition the zone's first rule applies.
       {"Europe/Berlin", "17000101 000000", UtcSeconds(1699, 12, 31, 23, 6, 32),
        0, "01/01/1700 00:00:00.0000"},
@@ -80,8 +73,7 @@ TEST(OSFileTimes, Failures) {
   BDateTime dt("20240315 120000");
   BDateTime const before = dt;
   // Above the signed range, and before 1601 once made local.
-  for (ACE_UINT64 ft :
-       {Kelvane::kFileTimeMax + 1, ~ACE_UINT64(0), ACE_UINT64(0)}) {
+  for (ACE_UINT64 ft : {Kelvane::kFileTimeMax + 1, ACE_UINT64(0)}) {
     EXPECT_FALSE(Kelvane::UTCToBDateTime(ft, dt)) << ft;
   }
   EXPECT_TRUE(before == dt);

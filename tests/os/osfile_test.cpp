@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -19,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include "common/os/internal/osfilerules.h"
-#include "common/os/internal/packagenote.h"
 
 #include "support/childprocess.h"
 #include "support/civil.h"
@@ -51,9 +48,9 @@ std::string ReadAll(const ACE_CString& path) {
 
 // ------------------------------------------------------------ path rules
 
-TEST(OSFilePaths, NormalizeConcatSplit) {
-  const char* norm[][3] = {
-      {"", "", ""}, {"a\\b/c", "a/b/c", "a/b/c/"}, {"x\\\\", "x//", "x//"}};
+TEST(OSFilePaths, Rules) {
+  const char* norm[][3] = {{"a\\b/c", "a/b/c", "a/b/c/"},
+                           {"x\\\\", "x//", "x//"}};
   for (const auto& r : norm) {
     SCOPED_TRACE(r[0]);
     EXPECT_STREQ(r[1], K::normalizePath(r[0], false).c_str());
@@ -62,12 +59,9 @@ TEST(OSFilePaths, NormalizeConcatSplit) {
   struct ConcatRow {
     const char *dir, *name, *result;
   } concat[] = {
-      {nullptr, nullptr, "untouched"},
       {nullptr, "x", "x/x"},  // the name joined to itself
       {"a/", "/b", "a/b"},
-      {"a", "/b", "a/b"},
       {"a\\", "b", "a\\/b"},  // only '/' counts
-      {"a", nullptr, "a"},
       {"a", "", "a/"},
   };
   for (const ConcatRow& r : concat) {
@@ -76,31 +70,16 @@ TEST(OSFilePaths, NormalizeConcatSplit) {
     K::concatPath(result, r.dir, r.name);
     EXPECT_STREQ(r.result, result.c_str());
   }
-  struct SplitRow {
-    const char* in;
-    int rc;
-    const char *path, *name;
-  } split[] = {
-      {"noseparator", -1, "noseparator", "keep"},
-      {"D:/a\\b", 0, "D:", "a\\b"},  // '/' wins over a later '\'
-      {"dir/", 0, "dir", ""},
-  };
-  for (const SplitRow& r : split) {
-    SCOPED_TRACE(r.in);
-    ACE_CString path(r.in), name("keep");
-    EXPECT_EQ(r.rc, K::splitPath(path, name));
-    EXPECT_EQ(std::string(r.path) + "|" + r.name, S(path + "|" + name));
-  }
-}
-
-TEST(OSFilePaths, Elements) {
+  ACE_CString path("noseparator"), name("keep");
+  EXPECT_EQ(-1, K::splitPath(path, name));
+  path = "D:/a\\b";  // '/' wins over a later '\'
+  EXPECT_EQ(0, K::splitPath(path, name));
+  EXPECT_EQ("D:|a\\b", S(path + "|" + name));
   // last|all but last|drive|all but drive|extension|without extension
   const char* rows[][2] = {
       {"", "|||||"},
       {"D:/dir/file", "file|D:/dir|D:|dir/file||D:/dir/file"},
-      {"D:\\dir\\", "dir|D:|D:|dir\\||D:\\dir\\"},
       {"/a.d/b", "b|/a.d||/a.d/b|d/b|/a"},
-      {"/", "|||/||/"},
       {"a\\b/c.x.y", "c.x.y|a\\b|a|b/c.x.y|y|a\\b/c.x"},
   };
   for (const auto& r : rows) {
@@ -127,12 +106,10 @@ TEST(OSFileRules, FileTimes) {
       {0, "01/01/1601 00:00:00"},
       // A leap day, with sub-second ticks cut off.
       {FileTimeFromUnix(951825600, 999999999), "02/29/2000 12:00:00"},
-      {FileTimeFromUnix(4102444799LL, 0), "12/31/2099 23:59:59"},
   };
   for (const Row& r : rows) {
     EXPECT_STREQ(r.text, K::FileTimeToString(r.ft).c_str());
   }
-  EXPECT_EQ(116444736000000000ULL, FileTimeFromUnix(0, 0));
   EXPECT_EQ(0u, FileTimeFromUnix(-11644473601LL, 0));  // clamped at 1601
   for (int64_t sec : {-5000000000LL, -1LL, 9000000000LL}) {
     for (uint32_t ns : {0u, 999999900u}) {
@@ -148,8 +125,8 @@ TEST(OSFileRules, FindPatterns) {
     bool match;
   } patterns[] = {
       {".", "*.*", true},       {"x.dcm", "*.DCM", true},
-      {"dir", "dir*.*", true},  {"file", "f*e*e", false},
-      {"abcabd", "*abd", true}, {"a.b", "a", false},
+      {"file", "f*e*e", false}, {"abcabd", "*abd", true},
+      {"a.b", "a", false},
   };
   for (const Row& r : patterns) {
     SCOPED_TRACE(std::string(r.name) + " ~ " + r.pattern);
@@ -265,12 +242,9 @@ TEST_F(OSFileTest, FileCopy) {
   EXPECT_EQ(-1, K::CreateLink(P("hard"), P("small")));
   EXPECT_EQ(-1, K::FileCopy(P("small"), P("hard"), false));
   EXPECT_EQ("abc", ReadAll(P("small")));
-  EXPECT_EQ(-1, K::FileCopy(Root(), P("x"), false));
-  EXPECT_FALSE(K::isFile(P("x")));
 }
 
 TEST_F(OSFileTest, SizesAndSeekOnSparseFile) {
-  // 5 GiB + 123 bytes: the 64-bit functions see it whole.
   const ACE_UINT64 big = (5ULL << 30) + 123;
   Sparse("big", big);
   ACE_UINT64 size = 0, pos = 0;
@@ -282,10 +256,7 @@ TEST_F(OSFileTest, SizesAndSeekOnSparseFile) {
   ASSERT_GE(fd, 0);
   EXPECT_TRUE(K::FileSeek(fd, 1ULL << 32, SEEK_SET, pos));
   EXPECT_EQ(1ULL << 32, pos);
-  EXPECT_TRUE(K::FileSeek(fd, static_cast<ACE_UINT64>(-10), SEEK_CUR, pos));
-  EXPECT_EQ((1ULL << 32) - 10, pos);
   EXPECT_FALSE(K::FileSeek(fd, ~ACE_UINT64(0) - big, SEEK_END, pos));
-  EXPECT_FALSE(K::FileSeek(fd, 0, 7, pos));
   ::close(fd);
 
   // The listing keeps the low 32 bits only.
@@ -299,7 +270,6 @@ TEST_F(OSFileTest, FileToStringAndForceDelete) {
   Write("text", std::string("abc\0def", 7));
   EXPECT_STREQ("abc", K::FileToString(P("text")).c_str());
   EXPECT_THROW(K::FileToString(P("none")), std::exception);
-  EXPECT_THROW(K::FileToString(Root()), std::exception);
   // A deleted file stays readable through a descriptor already open.
   int fd = ::open(P("text").c_str(), O_RDONLY);
   ASSERT_GE(fd, 0);
@@ -308,7 +278,6 @@ TEST_F(OSFileTest, FileToStringAndForceDelete) {
   char buf[8] = {0};
   EXPECT_EQ(3, ::read(fd, buf, 3));
   ::close(fd);
-  EXPECT_EQ(0, K::ForceDelete(P("text")));  // not a file: 0
   Dir("d");
   EXPECT_EQ(0, K::ForceDelete(P("d")));
   EXPECT_TRUE(K::isDirectory(P("d")));
@@ -322,7 +291,6 @@ TEST_F(OSFileTest, TouchAndTimes) {
   EXPECT_TRUE(K::touchFile(P("f").c_str()));
   EXPECT_NEAR(now, Statx(P("f")).stx_mtime.tv_sec, 2);
   EXPECT_EQ(atime, Statx(P("f")).stx_atime.tv_nsec);
-  EXPECT_FALSE(K::touchFile(P("none").c_str()));
 
   FileInfo info(ACE_CString("old"), 77, 1, 2);
   SetMTime(P("f"), 1234567890);
@@ -330,32 +298,29 @@ TEST_F(OSFileTest, TouchAndTimes) {
   EXPECT_TRUE(P("f") == info.path() && info.size() == 77 &&
               info.modifiedTime() == FileTimeFromUnix(1234567890, 0) &&
               info.creationTime() == CTicks(P("f")));
-  EXPECT_FALSE(K::getFileTimes(P("none"), info));
 }
 
 TEST_F(OSFileTest, Attributes) {
   Write("f", "x");
   Dir("d");
-  // The value read, whatever the output held before; false on failure.
-  auto get = [this](const char* rel, K::FileAttribute a, bool ok = true) {
+  // The value read, whatever the output held before.
+  auto get = [this](const char* rel, K::FileAttribute a) {
     bool v0 = false, v1 = true;
-    EXPECT_EQ(ok, K::getFileAttribute(P(rel).c_str(), a, v0)) << rel;
-    EXPECT_EQ(ok, K::getFileAttribute(P(rel).c_str(), a, v1)) << rel;
-    EXPECT_EQ(v0, v1) << rel;
+    EXPECT_TRUE(K::getFileAttribute(P(rel).c_str(), a, v0) &&
+                K::getFileAttribute(P(rel).c_str(), a, v1) && v0 == v1)
+        << rel;
     return v0;
   };
   auto set = [this](const char* rel, K::FileAttribute a, bool v) {
     return K::setFileAttribute(P(rel).c_str(), a, v);
   };
-  EXPECT_FALSE(get("f", K::ReadOnly));
   ASSERT_TRUE(set("f", K::ReadOnly, true));
   EXPECT_EQ(0u, Statx(P("f")).stx_mode & 0222u);
   EXPECT_TRUE(get("f", K::ReadOnly));
   ASSERT_TRUE(set("f", K::ReadOnly, false));
   EXPECT_EQ(0200u, Statx(P("f")).stx_mode & 0200u);
-  EXPECT_FALSE(get("none", K::Archive, false));
+  EXPECT_FALSE(get("f", K::ReadOnly));
   EXPECT_FALSE(set("f", static_cast<K::FileAttribute>(7), true));
-
   // Archive: set on files, not on folders, until changed.
   EXPECT_TRUE(get("f", K::Archive));
   EXPECT_FALSE(get("d", K::Archive));
@@ -363,8 +328,7 @@ TEST_F(OSFileTest, Attributes) {
     GTEST_SKIP() << "the temporary folder takes no user extended attributes";
   }
   EXPECT_FALSE(get("f", K::Archive));
-  EXPECT_TRUE(set("d", K::Archive, true));
-  EXPECT_TRUE(get("d", K::Archive));
+  EXPECT_TRUE(set("d", K::Archive, true) && get("d", K::Archive));
 }
 
 TEST_F(OSFileTest, BusyWhileAnotherProcessHoldsTheFile) {
@@ -384,16 +348,6 @@ TEST_F(OSFileTest, BusyWhileAnotherProcessHoldsTheFile) {
 }
 
 // ------------------------------------------------------------ folders
-
-TEST_F(OSFileTest, CreateDirectoryRecursive) {
-  EXPECT_EQ(0, K::CreateDirectoryRecursive(P("a\\b/c")));
-  EXPECT_TRUE(K::isDirectory(P("a/b/c")));
-  Write("file", "x");
-  // An existing file of that name counts as existing.
-  EXPECT_EQ(0, K::CreateDirectoryRecursive(P("file")));
-  // Errors are returned as they are.
-  EXPECT_EQ(ENOTDIR, K::CreateDirectoryRecursive(P("file/x/y")));
-}
 
 // The tree of the delete tests, with an outside folder that links point to,
 // checked afterwards to be untouched.
@@ -465,9 +419,13 @@ TEST_F(DeleteTest, ClassicKeepsTheTopAndStopsAtLinkedFolders) {
   EXPECT_TRUE(K::isFile(P("t/.cache/c")));
 }
 
-TEST_F(OSFileTest, CountingAndSubfolders) {
-  for (const char* d : {"e", "f", "f/sub", "dir"}) Dir(d);
+TEST_F(OSFileTest, CreatingCountingAndSubfolders) {
+  for (const char* d : {"e", "dir"}) Dir(d);
+  ASSERT_EQ(0, K::CreateDirectoryRecursive(P("f\\sub")));
   for (const char* f : {"f/a", "f/b", "f/.c", "f/sub/x", "dirx"}) Write(f, "");
+  // An existing file counts as existing; other errors come back as they are.
+  EXPECT_EQ(0, K::CreateDirectoryRecursive(P("dirx")));
+  EXPECT_EQ(ENOTDIR, K::CreateDirectoryRecursive(P("dirx/x/y")));
   struct Row {
     const char* rel;
     int count;
@@ -551,20 +509,6 @@ TEST_F(OSFileTest, ListingWalk) {
           "kept", S(P("l/A.DCM")), S(P("l/b.dcm")), S(P("l/.g.dcm")),
           S(P("l/link.dcm")), S(P("l/sub/d.dcm")), S(P("l/sub/deeper/e.Dcm"))}),
       std::multiset<std::string>(names.begin(), names.end()));
-  out.clear();
-  EXPECT_EQ(-1, K::GetFileList(out, P("l/c.txt"), "*", true, true));
-
-  // Sizes and times come from the file (the link: from its target).
-  ASSERT_EQ(0, K::GetFileList(out, P("l"), ".dcm", false, false));
-  EXPECT_EQ(4u, out.size());
-  for (const FileInfo& f : out) {
-    struct statx stx = Statx(f.path());
-    EXPECT_TRUE(static_cast<int>(stx.stx_size) == f.size() &&
-                FileTimeFromUnix(stx.stx_mtime.tv_sec, stx.stx_mtime.tv_nsec) ==
-                    f.modifiedTime() &&
-                CTicks(f.path()) == f.creationTime())
-        << f.path().c_str();
-  }
 }
 
 TEST_F(OSFileTest, ListingByDateSortsByCreation) {
@@ -607,19 +551,16 @@ TEST_F(OSFileTest, ListingByBDateKeepsWholeLocalDays) {
   ScopedTZ tz("America/New_York");
   Dir("l");
   // 2024-03-10 has 23 hours there (clocks go forward).
-  struct File {
-    const char* name;
-    int64_t utc;
-  } files[] = {
-      {"before",
-       UtcSeconds(2024, 3, 10, 4, 59, 59)},         // 23:59:59 the day before
-      {"start", UtcSeconds(2024, 3, 10, 5, 0, 0)},  // local midnight
-      {"end", UtcSeconds(2024, 3, 11, 4, 0, 0)},    // next midnight
+  // Local midnight is 05:00 UTC that day, 04:00 UTC the next.
+  const std::pair<const char*, int64_t> files[] = {
+      {"before", UtcSeconds(2024, 3, 10, 4, 59, 59)},
+      {"start", UtcSeconds(2024, 3, 10, 5, 0, 0)},
+      {"end", UtcSeconds(2024, 3, 11, 4, 0, 0)},
       {"after", UtcSeconds(2024, 3, 11, 4, 0, 1)},
   };
-  for (const File& f : files) {
-    Write(std::string("l/") + f.name, f.name);
-    SetMTime(P(std::string("l/") + f.name), f.utc);
+  for (const auto& f : files) {
+    Write(std::string("l/") + f.first, "");
+    SetMTime(P(std::string("l/") + f.first), f.second);
   }
   BDate day("20240310"), bad;
   struct Row {
@@ -661,12 +602,8 @@ TEST_F(OSFileTest, LastModTimeGetAndSet) {
   const int64_t utc = UtcSeconds(2020, 2, 29, 22, 59, 59);
   ASSERT_TRUE(K::setFileLastModTime(P("g.txt").c_str(),
                                     BDateTime("20200229 235959.5")));
-  EXPECT_FALSE(K::setFileLastModTime(P("g.txt").c_str(), BDateTime()));
   EXPECT_EQ(utc, Statx(P("g.txt")).stx_mtime.tv_sec);
   EXPECT_EQ(500000000u, Statx(P("g.txt")).stx_mtime.tv_nsec);
-  errno = 0;
-  EXPECT_FALSE(K::setFileCreateTime(P("g.txt").c_str(), BDateTime("20200229")));
-  EXPECT_EQ(ENOTSUP, errno);
 }
 
 // ------------------------------------------------------------ compression
@@ -681,12 +618,11 @@ std::string Gunzip(const ACE_CString& gz) {
 
 TEST_F(OSFileTest, Compress) {
   std::mt19937 rng(5);
-  const int64_t when = UtcSeconds(2019, 7, 1, 8, 0, 0);
   Write("f", "data");
   Dir("f.gz");
   for (auto fn : {&K::CompressFile, &K::CompressFile2}) {
     SCOPED_TRACE(fn == &K::CompressFile ? "CompressFile" : "CompressFile2");
-    for (size_t size : {0, 524289, 3000001}) {
+    for (size_t size : {0, 3000001}) {
       SCOPED_TRACE(size);
       std::string data(size, '\0');
       for (size_t i = 0; i < size; ++i) {
@@ -694,15 +630,13 @@ TEST_F(OSFileTest, Compress) {
       }
       const std::string name = "src" + std::to_string(size);
       Write(name, data);
-      SetMTime(P(name), when, 123);
+      SetMTime(P(name), 1000000000, 123);
       // Junk already at the .gz name is replaced entirely.
       Write(name + ".gz", std::string(5000000, 'j'));
       ASSERT_EQ(0, fn(P(name), false));
       EXPECT_EQ(data, Gunzip(P(name + ".gz")));
-      EXPECT_EQ(FileTimeFromUnix(when, 123000000),
-                FileTimeFromUnix(Statx(P(name + ".gz")).stx_mtime.tv_sec,
-                                 Statx(P(name + ".gz")).stx_mtime.tv_nsec));
-      EXPECT_TRUE(K::isFile(P(name)));
+      EXPECT_EQ(123000000, Statx(P(name + ".gz")).stx_mtime.tv_nsec);
+      ASSERT_TRUE(K::isFile(P(name)));
       ASSERT_EQ(0, fn(P(name), true));
       EXPECT_FALSE(K::isFile(P(name)));
       EXPECT_EQ(data, Gunzip(P(name + ".gz")));
@@ -726,47 +660,31 @@ TEST(OSFileSystem, Executable) {
   EXPECT_EQ(exe, S(K::GetExecutablePath(false)));
   EXPECT_EQ(exe.substr(0, exe.rfind('/')), S(K::GetExecutablePath(true)));
   EXPECT_EQ("com_tests", S(K::GetExecutableName(true)));
-  EXPECT_EQ(static_cast<int>(std::thread::hardware_concurrency()),
-            K::NumberOfProcessors());
 }
 
 TEST_F(OSFileTest, ApplicationVersions) {
-  ACE_CString own;
-  ASSERT_EQ(0, K::PackageNoteVersion(COM_LIBRARY_FILE, own));
-  EXPECT_EQ(own, K::ApplicationVersion(COM_LIBRARY_FILE));
-  // Copies of a system binary with a package note holding `json` (null: no
-  // note).
-  struct Row {
-    const char* json;
-    const char* version;
-  } rows[] = {
-      {"{\"name\":\"x\",\"version\":\"5, 2, 0, 1\"}", "5,2,0,1"},
-      {nullptr, ""},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.json ? r.json : "no note");
-    std::string note, cmd = "cp /bin/true '" + S(P("prog")) + "'";
-    if (r.json != nullptr) {
-      uint32_t head[] = {4, static_cast<uint32_t>(std::strlen(r.json) + 1),
-                         0xcafe1a7e};
-      note.assign(reinterpret_cast<const char*>(head), sizeof head);
-      note += std::string("FDO\0", 4) + r.json + '\0';
-      note.resize((note.size() + 3) / 4 * 4, '\0');
-      Write("note.bin", note);
-      cmd += " && objcopy --add-section .note.package='" + S(P("note.bin")) +
-             "' --set-section-flags .note.package=noload,readonly '" +
-             S(P("prog")) + "'";
-    }
-    if (std::system((cmd + " 2>/dev/null").c_str()) != 0) {
-      GTEST_SKIP() << "cp or objcopy is missing";
-    }
-    ACE_CString fv("x"), pv("y");
-    K::GetApplicationVersions(P("prog"), fv, pv);
-    EXPECT_EQ(std::string(r.version) + "|" + r.version, S(fv + "|" + pv));
-  }
-  ACE_CString fv, pv;
+  // No file, a file without a package note (the test program), and a copy of
+  // a system binary given a note whose version has blanks.
+  ACE_CString fv("x"), pv("y");
   K::GetApplicationVersions(P("none"), fv, pv);
   EXPECT_EQ("Not available|Not available", S(fv + "|" + pv));
+  K::GetApplicationVersions("/proc/self/exe", fv, pv);
+  EXPECT_EQ("|", S(fv + "|" + pv));
+  const std::string json = "{\"name\":\"x\",\"version\":\"5, 2, 0, 1\"}";
+  uint32_t head[] = {4, static_cast<uint32_t>(json.size() + 1), 0xcafe1a7e};
+  std::string note(reinterpret_cast<const char*>(head), sizeof head);
+  note += std::string("FDO\0", 4) + json + '\0';
+  note.resize((note.size() + 3) / 4 * 4, '\0');
+  Write("note.bin", note);
+  std::string cmd = "cp /bin/true '" + S(P("prog")) +
+                    "' && objcopy --add-section .note.package='" +
+                    S(P("note.bin")) +
+                    "' --set-section-flags .note.package=noload,readonly '" +
+                    S(P("prog")) + "' 2>/dev/null";
+  if (std::system(cmd.c_str()) != 0) GTEST_SKIP() << "objcopy is missing";
+  K::GetApplicationVersions(P("prog"), fv, pv);
+  EXPECT_EQ("5,2,0,1|5,2,0,1", S(fv + "|" + pv));
+  EXPECT_EQ(pv, K::ApplicationVersion(P("prog")));
 }
 
 // ext4 images mounted through loop devices (released by the unmount), and
