@@ -70,22 +70,6 @@ TEST_F(DebugTriggerTest, ValueDecidesAndOnlyTheDebugBitMoves) {
   }
 }
 
-TEST_F(DebugTriggerTest, MissingValueIsWrittenAsZeroKeepingTheRest) {
-  const std::string before =
-      "; site settings\n[SOFTWARE\\Kelvane]\nLogRoot=/var/log/k\n\n"
-      "[software\\kelvane\\quillonserver\\system]\nPort=104\n";
-  folder_.Write("kelvane.ini", before);
-  testsupport::LogCapture quiet;
-  {
-    DebugTrigger trigger(true);  // the force skips reading the value
-    EXPECT_TRUE(DebugOn());
-  }
-  EXPECT_EQ(before, Read());
-  DebugTrigger trigger(false);
-  EXPECT_FALSE(DebugOn());
-  EXPECT_EQ(before + "Debug=0\n", Read());
-}
-
 TEST_F(DebugTriggerTest, UnwritableFolderLeavesItInert) {
   ::setenv("KELVANE_CONFIG", folder_.File("missing/kelvane.ini").c_str(), 1);
   ACE_LOG_MSG->priority_mask(LM_DEBUG, ACE_Log_Msg::PROCESS);
@@ -116,7 +100,8 @@ TEST_F(DebugTriggerTest, RunningLoopFollowsEditsInPlaceAndByRename) {
   EXPECT_TRUE(shows("0")) << "rename not seen";
   folder_.Write("kelvane.ini", std::string(kHeader) + "Debug=3\n");
   EXPECT_TRUE(shows("1")) << "write in place not seen";
-  SaveByRename(std::string(kHeader) + "Other=1\n");  // value deleted
+  // The value deleted: off, and written back as 0 keeping the rest.
+  SaveByRename(std::string(kHeader) + "Other=1\n");
   EXPECT_TRUE(shows("0"));
   const std::string written = std::string(kHeader) + "Other=1\nDebug=0\n";
   EXPECT_TRUE(testsupport::WaitFor([&] { return Read() == written; }));
