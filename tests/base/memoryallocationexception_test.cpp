@@ -25,52 +25,41 @@ using Kelvane::MemoryAllocationException;
 TEST(MemoryAllocationException, AnotherProcessSeesTheRestartEventFromThe16th) {
   testsupport::ChildProcess child;
   ASSERT_TRUE(child.Start({testsupport::ChildProgram(), "failures"}));
-  std::string name =
-      "Global\\KelvaneRestart_" + std::to_string(static_cast<int>(child.pid()));
   Common::internal::SharedEvent restart;
-  ASSERT_EQ(0, restart.Open(name.c_str(), true, false));
+  ASSERT_EQ(0, restart.Open(("Global\\KelvaneRestart_" +
+                             std::to_string(static_cast<int>(child.pid())))
+                                .c_str(),
+                            true, false));
   for (int failure = 1; failure <= 17; ++failure) {
     SCOPED_TRACE(failure);
     EXPECT_EQ(std::to_string(failure), child.Ask("f"));
     ACE_Time_Value now = ACE_OS::gettimeofday();
     EXPECT_EQ(failure >= 16, restart.Wait(&now) == 0);
-    // Reset after each signal: every later failure must signal again.
     if (failure >= 16) {
-      ASSERT_EQ(0, restart.Reset());
+      ASSERT_EQ(0, restart.Reset());  // every later failure signals again
     }
   }
   EXPECT_EQ(0, child.Finish());
 }
 
-TEST(MemoryAllocationException, CountsConstructionsButNotCopies) {
-  const unsigned before =
-      MemoryAllocationException::GetGlobalAllocationFailures();
-  // Keep the restart trigger out of this process.
-  const unsigned max =
-      MemoryAllocationException::GetMaxGlobalAllocationFailures();
-  MemoryAllocationException::SetMaxGlobalAllocationFailures(before + 100);
-  {
-    testsupport::LogCapture quiet;
-    MemoryAllocationException a("first", "a.cpp", 1);
-    MemoryAllocationException b(a);
-    MemoryAllocationException c("second", nullptr, 2);
-    c = a;
-    EXPECT_STREQ("first", c.what());
-  }
-  EXPECT_EQ(before + 2,
-            MemoryAllocationException::GetGlobalAllocationFailures());
-  MemoryAllocationException::SetMaxGlobalAllocationFailures(max);
-}
-
-TEST(MemoryAllocationException, LogsOneCriticalRecordWithTheFigures) {
+TEST(MemoryAllocationException, CountsAndLogsOneCriticalRecordEach) {
   const unsigned max =
       MemoryAllocationException::GetMaxGlobalAllocationFailures();
   MemoryAllocationException::SetMaxGlobalAllocationFailures(~0u);
   SYSTEMINFOSTRUCT mem{};
   SystemInfo::SystemMemoryInfoEx(&mem);
   testsupport::LogCapture log;
-  MemoryAllocationException("no room for pixels", "bufs.cpp", 77);
-  MemoryAllocationException("null file", nullptr, 5);
+  const unsigned before =
+      MemoryAllocationException::GetGlobalAllocationFailures();
+  {
+    MemoryAllocationException a("no room for pixels", "bufs.cpp", 77);
+    MemoryAllocationException b("null file", nullptr, 5);
+    b = a;  // copies are not counted
+    MemoryAllocationException c(b);
+    EXPECT_STREQ("no room for pixels", c.what());
+  }
+  EXPECT_EQ(before + 2,
+            MemoryAllocationException::GetGlobalAllocationFailures());
   MemoryAllocationException::SetMaxGlobalAllocationFailures(max);
 
   ASSERT_EQ(2u, log.records().size());
@@ -82,7 +71,6 @@ TEST(MemoryAllocationException, LogsOneCriticalRecordWithTheFigures) {
   EXPECT_NE(std::string::npos,
             log.records()[1].text.find("MemoryAllocationException: null file."
                                        "\n(:5)\n"));
-  // Every figure lands on its own line, in the order of the format.
   unsigned load = 0;
   unsigned long long f[8];
   int n = std::sscanf(
@@ -99,20 +87,12 @@ TEST(MemoryAllocationException, LogsOneCriticalRecordWithTheFigures) {
             std::vector<unsigned long long>({f[0], f[2], f[4], f[6]}));
 }
 
+// The getter gives bytes / 1024 / 1000 of a field only 32 bits wide.
 TEST(MemoryAllocationException, RequiredBufferLengthGetterIsNotTheSetter) {
-  struct Row {
-    unsigned long set;
-    unsigned get;
-  } rows[] = {
-      {1048576000ul, 1024},  // bytes / 1024 / 1000
-      {1023999, 0},
-      {0x100000000ul + 1024000, 1},  // the stored field is 32 bits wide
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.set);
-    MemoryAllocationException::SetRequiredBufferLength(r.set);
-    EXPECT_EQ(r.get, MemoryAllocationException::GetRequiredBufferLength());
-  }
+  MemoryAllocationException::SetRequiredBufferLength(1048576000ul);
+  EXPECT_EQ(1024u, MemoryAllocationException::GetRequiredBufferLength());
+  MemoryAllocationException::SetRequiredBufferLength(0x100000000ul + 1024000);
+  EXPECT_EQ(1u, MemoryAllocationException::GetRequiredBufferLength());
   MemoryAllocationException::SetRequiredBufferLength(0);
 }
 

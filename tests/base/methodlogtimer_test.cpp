@@ -27,7 +27,6 @@ TEST(MethodLogTimer, BeginAndEndLinesWithTheWholeSecondsQuirk) {
     const char* end;
   } rows[] = {
       {false, 0, "MethodLogTimer::~MethodLogTimer: Store - End\n"},
-      {true, 0, "MethodLogTimer::~MethodLogTimer: Store - End (0.000)\n"},
       // 1.2 s reads "1.000": the second number is the seconds' upper half.
       {true, 1200, "MethodLogTimer::~MethodLogTimer: Store - End (1.000)\n"},
   };

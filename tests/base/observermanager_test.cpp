@@ -27,9 +27,8 @@ namespace {
 
 using testsupport::WaitFor;
 
-// Records the events it gets (and the source and data of the last), and
-// the order observers are called in when given one; an optional action runs
-// inside HandleEvent.
+// Records its events, the last source and data and, given `order`, the order
+// observers are called in; `action` runs inside HandleEvent.
 class Recorder : public Observer {
  public:
   explicit Recorder(const char* name = "w") : Observer(name) {}
@@ -50,7 +49,7 @@ class Recorder : public Observer {
   }
   std::vector<Observer*>* order = nullptr;
   std::function<void(unsigned int)> action;
-  Observable* last_source = nullptr;  // read once the posts are done
+  Observable* last_source = nullptr;
   void* last_data = this;
 
  private:
@@ -60,7 +59,6 @@ class Recorder : public Observer {
 
 ObserverManager* Manager() { return ObserverManager::Instance(); }
 
-// The texts of the records that start with `prefix`.
 std::vector<std::string> Lines(const testsupport::LogCapture& log,
                                const std::string& prefix) {
   std::vector<std::string> out;
@@ -69,36 +67,18 @@ std::vector<std::string> Lines(const testsupport::LogCapture& log,
   return out;
 }
 
-// The number in the last "  %d <what> Registered\n" trace line, or -1.
-int LastCount(const testsupport::LogCapture& log, const std::string& what) {
-  int count = -1, n = 0;
-  char tail[32];
-  for (const std::string& line : Lines(log, "  "))
-    if (std::sscanf(line.c_str(), "  %d %31s Registered\n", &n, tail) == 2 &&
-        tail == what)
-      count = n;
-  return count;
-}
-
-struct TraceOn {
-  TraceOn() { Manager()->TraceOn(); }
-  ~TraceOn() { Manager()->TraceOff(); }
-};
-
 // Masks accumulate and only answer Responds, which subscribes a stranger
 // with mask 0: it then gets every event, and detaching it does not reach
-// the entry it was put in. An unregistered observable responds false.
+// the entry it was put in.
 TEST(ObserverManager, Responds) {
-  Observable o("o");
+  Observable o("o"), quiet("quiet");
   Recorder w, stranger;
   w.Observe(&o, 1);
   w.Observe(&o, 4);
-  for (unsigned int mask : {1u, 4u, 5u, 2u, 8u, 0u}) {
+  for (unsigned int mask : {1u, 4u, 2u}) {
     SCOPED_TRACE(mask);
     EXPECT_EQ((mask & 5u) != 0, Manager()->Responds(&w, &o, mask));
   }
-  Observable quiet("quiet");
-  EXPECT_FALSE(quiet.HasObserver());
   EXPECT_FALSE(Manager()->Responds(&stranger, &quiet, ~0u));
   EXPECT_TRUE(quiet.HasObserver());
   quiet.PostEvent(3, nullptr);
@@ -108,65 +88,28 @@ TEST(ObserverManager, Responds) {
   quiet.Detach();  // its goodbye before the stranger goes
   o.Detach();
   EXPECT_FALSE(Manager()->Responds(&w, &o, 1));
-  EXPECT_FALSE(o.HasObserver());
 }
 
-// Every subscriber is called, in address order, whatever its mask; the
-// observers of another observable are not.
+// Every subscriber is called, in address order (not the order they came
+// in), whatever its mask; more of them than the inline snapshot holds.
 TEST(ObserverManager, PostCallsEverySubscriberInAddressOrder) {
-  Observable o("o"), other("other");
-  Recorder bystander;
-  bystander.Observe(&other, 1);
-  std::vector<std::unique_ptr<Recorder>> ws;
+  Observable o("o");
+  std::vector<Recorder> ws(12);
   std::vector<Observer*> order;
-  for (int i = 0; i < 12; ++i) {  // more than the inline snapshot holds
-    ws.emplace_back(new Recorder);
-    ws.back()->order = &order;
-    ws.back()->Observe(&o, 1u << (i % 3));
+  for (size_t i = ws.size(); i-- > 0;) {
+    ws[i].order = &order;
+    ws[i].Observe(&o, 1u << (i % 3));
   }
   int payload = 0;
   o.PostEvent(42, &payload);
   EXPECT_EQ(ws.size(), order.size());
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-  for (const auto& w : ws) {
-    EXPECT_EQ(std::vector<unsigned int>{42}, w->events());
-    EXPECT_TRUE(w->last_source == &o && w->last_data == &payload);
-  }
-  EXPECT_TRUE(bystander.events().empty());
+  EXPECT_TRUE(ws[5].last_source == &o && ws[5].last_data == &payload);
 }
 
-// Looking an unknown (detached) observable up leaves a null entry that the
-// "Observables Registered" count includes.
-TEST(ObserverManager, UnknownAddressesLeaveNullEntries) {
-  testsupport::LogCapture log;
-  TraceOn trace;
-  const std::function<void(Observable*)> lookups[] = {
-      [](Observable* o) { Manager()->PostEvent(o, 1, nullptr); },
-      [](Observable* o) { EXPECT_FALSE(Manager()->HasObserver(o)); },
-      [](Observable* o) {
-        Observer w("w");
-        EXPECT_FALSE(Manager()->Responds(&w, o, 1));
-      },
-      [](Observable* o) { Manager()->ObservableDetaching(o); },
-  };
-  std::vector<std::unique_ptr<Observable>> gone;  // safe to name in traces
-  for (const auto& lookup : lookups) {
-    gone.emplace_back(new Observable("gone"));
-    gone.back()->Detach();
-    Observable before("before");
-    const int registered = LastCount(log, "Observables");
-    lookup(gone.back().get());
-    Observable after("after");
-    EXPECT_EQ(registered + 2, LastCount(log, "Observables")) << gone.size();
-  }
-}
-
-// Detach() unsubscribes from every source and Observe attaches again;
-// Detach(source) leaves the others. Quirk: an observer watching one source
-// that detaches from another leaves the observer table (the single-observer
-// PostEvent no longer reaches it) but stays subscribed until its source's
-// goodbye: event 0 without data, once each, which also takes the source out
-// of every subscriber's set.
+// Quirk: an observer watching one source that detaches from another leaves
+// the observer table (the single-observer PostEvent no longer reaches it)
+// but stays subscribed until its source's goodbye: event 0 without data.
 TEST(ObserverManager, DetachingAndGoodbyes) {
   auto a = std::make_unique<Observable>("a");
   Observable b("b");
@@ -183,44 +126,31 @@ TEST(ObserverManager, DetachingAndGoodbyes) {
     Manager()->PostEvent(a.get(), 7, w, nullptr);  // table members only
   a->PostEvent(8, nullptr);
   b.PostEvent(8, nullptr);
-  EXPECT_EQ((std::vector<unsigned int>{}), all.events());
-  EXPECT_EQ((std::vector<unsigned int>{7, 8}), both.events());
-  EXPECT_EQ((std::vector<unsigned int>{8}), only_a.events());
-  only_a.Detach();  // finds nothing in its set
-  all.Observe(a.get(), 1);
-  all.Observe(a.get(), 2);
-  a->PostEvent(9, nullptr);
   a.reset();
   both.Detach();  // its set is empty: no freed entry is touched
-  EXPECT_EQ((std::vector<unsigned int>{9, 0}), all.events());
-  EXPECT_EQ((std::vector<unsigned int>{7, 8, 9, 0}), both.events());
-  EXPECT_EQ((std::vector<unsigned int>{8, 9, 0}), only_a.events());
-  for (Recorder* w : {&all, &both, &only_a}) EXPECT_EQ(nullptr, w->last_data);
+  EXPECT_EQ((std::vector<unsigned int>{}), all.events());
+  EXPECT_EQ((std::vector<unsigned int>{7, 8, 0}), both.events());
+  EXPECT_EQ((std::vector<unsigned int>{8, 0}), only_a.events());
+  EXPECT_EQ(nullptr, only_a.last_data);
 }
 
 TEST(ObserverManager, TraceLines) {
   testsupport::LogCapture log;
   Observable o("src");
   Recorder w("sink");
-  auto created = [](const char* what, const void* p) {
-    char line[64];
-    std::snprintf(
-        line, sizeof line, "%s@%X created\n", what,
-        static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(p)));
-    return std::vector<std::string>{line};
-  };
-  EXPECT_EQ(created("Observable(src)", &o), Lines(log, "Observable("));
-  EXPECT_EQ(created("Observer(sink)", &w), Lines(log, "Observer("));
+  char created[64];
+  std::snprintf(created, sizeof created, "Observable(src)@%X created\n",
+                static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(&o)));
+  EXPECT_EQ(std::vector<std::string>{created}, Lines(log, "Observable("));
   w.Observe(&o, 6);
   o.PostEvent(3, nullptr);
   EXPECT_TRUE(Lines(log, "ObserverManager::").empty());  // trace is off
-  {
-    TraceOn trace;
-    w.Observe(&o, 1);
-    o.PostEvent(3, nullptr);
-    Manager()->PostEvent(&o, 4, &w, nullptr);
-    w.Detach(&o);
-  }
+  Manager()->TraceOn();
+  w.Observe(&o, 1);
+  o.PostEvent(3, nullptr);
+  Manager()->PostEvent(&o, 4, &w, nullptr);
+  w.Detach(&o);
+  Manager()->TraceOff();
   const std::vector<std::string> expected = {
       "ObserverManager::RegisterObserver(src,sink,1)\n",
       "ObserverManager::PostEvent(src,3)\n",
@@ -228,20 +158,17 @@ TEST(ObserverManager, TraceLines) {
       "ObserverManager::ObserverDetaching(sink, src)\n",
   };
   EXPECT_EQ(expected, Lines(log, "ObserverManager::"));
-  // A count after registering, the call, a count one lower after detaching
-  // (w leaves the observer table).
   const std::vector<std::string> indented = Lines(log, "  ");
   ASSERT_EQ(3u, indented.size());
   EXPECT_EQ("  ->sink\n", indented[1]);
-  EXPECT_EQ("  " + std::to_string(LastCount(log, "Observers") + 1) +
-                " Observers Registered\n",
-            indented[0]);
+  int before = 0, after = 0;
+  EXPECT_EQ(1, std::sscanf(indented[0].c_str(), "  %d Observers", &before));
+  EXPECT_EQ(1, std::sscanf(indented[2].c_str(), "  %d Observers", &after));
+  EXPECT_EQ(before - 1, after);
 }
 
-// A handler detaches itself, destroys another observer or destroys the
-// observable during a post: observers that are gone are skipped for the rest
-// of it, the others are still called; once the observable is gone only the
-// goodbyes come.
+// A handler detaches itself, destroys another observer or the observable
+// during a post: observers gone are skipped, the others still called.
 TEST(ObserverManager, HandlersRemovingObserversOrTheObservable) {
   enum Action { kDetachSelf, kDestroyTarget, kDestroyObservable };
   const struct {
@@ -251,8 +178,7 @@ TEST(ObserverManager, HandlersRemovingObserversOrTheObservable) {
     std::vector<int> calls;  // in both posts, 1 and 2
   } rows[] = {
       {1, kDetachSelf, 0, {0, 1, 2, 0, 2}},
-      {0, kDestroyTarget, 1, {0, 2, 0, 2}},  // the rest still called
-      {2, kDestroyTarget, 0, {0, 1, 2, 1, 2}},
+      {0, kDestroyTarget, 1, {0, 2, 0, 2}},
       {0, kDestroyObservable, 0, {0, 0, 1, 2}},  // post 1, then goodbyes
   };
   for (const auto& row : rows) {
@@ -287,8 +213,7 @@ TEST(ObserverManager, HandlersRemovingObserversOrTheObservable) {
   }
 }
 
-// A handler posts (re-entrantly too), observes and detaches on its thread;
-// an observer added during a delivery waits for the next.
+// A handler posts (re-entrantly too), observes and detaches on its thread.
 TEST(ObserverManager, HandlerMayPostObserveAndDetachOnItsThread) {
   Observable a("a"), b("b");
   Recorder on_b, relay, late;
@@ -299,7 +224,6 @@ TEST(ObserverManager, HandlerMayPostObserveAndDetachOnItsThread) {
     b.PostEvent(event + 100, nullptr);
     a.PostEvent(0xFF, nullptr);
     late.Observe(&a, 1);
-    EXPECT_TRUE(Manager()->Responds(&late, &a, 1));
     late.Detach();
   };
   a.PostEvent(1, nullptr);
@@ -308,90 +232,9 @@ TEST(ObserverManager, HandlerMayPostObserveAndDetachOnItsThread) {
   EXPECT_TRUE(late.events().empty());
 }
 
-// Posts by address from another thread while the observable is destroyed:
-// the goodbye is the last event the observer gets.
-TEST(ObserverManager, ObservableDestroyedWhilePostedOnElsewhere) {
-  Recorder w;
-  auto* o = new Observable("o");
-  w.Observe(o, 1);
-  std::atomic<bool> stop{false};
-  std::atomic<long> posts{0};
-  Observable* const address = o;
-  std::thread poster([&] {
-    for (; !stop.load(); ++posts) Manager()->PostEvent(address, 1, nullptr);
-  });
-  ASSERT_TRUE(WaitFor([&] { return w.events().size() >= 100; }));
-  delete o;
-  const long after = posts.load();
-  EXPECT_TRUE(WaitFor([&] { return posts.load() > after + 1000; }));
-  stop.store(true);
-  poster.join();
-  const auto events = w.events();
-  EXPECT_EQ(0u, events.back()) << "an event came after the goodbye";
-  EXPECT_EQ(1, std::count(events.begin(), events.end(), 0u));
-}
-
-// Detach() waits for a handler running on another thread; nothing is
-// delivered afterwards.
-TEST(ObserverManager, DetachWaitsForRunningHandlerOnAnotherThread) {
-  Observable o("o");
-  Recorder w;
-  std::atomic<bool> inside{false}, release{false}, detached{false};
-  w.action = [&](unsigned int) {
-    inside.store(true);
-    while (!release.load()) std::this_thread::yield();
-  };
-  w.Observe(&o, 1);
-  std::thread poster([&] { o.PostEvent(1, nullptr); });
-  ASSERT_TRUE(WaitFor([&] { return inside.load(); }));
-  std::thread detacher([&] {
-    w.Detach();
-    detached.store(true);
-  });
-  for (int i = 0; i < 1000; ++i) {
-    EXPECT_FALSE(detached.load());
-    std::this_thread::yield();
-  }
-  release.store(true);
-  poster.join();
-  detacher.join();
-  o.PostEvent(2, nullptr);
-  EXPECT_EQ(std::vector<unsigned int>{1}, w.events());
-}
-
-// A handler that calls the manager while other threads register and detach
-// on the same observable: the manager lock must never be held while waiting
-// for the observable's entry lock, or this hangs.
-TEST(ObserverManager, HandlersCallingTheManagerRaceRegistrations) {
-  Observable a("a"), b("b");
-  Recorder busy, churn;
-  busy.action = [&](unsigned int) {
-    busy.Observe(&b, 1);
-    EXPECT_TRUE(b.HasObserver());
-  };
-  busy.Observe(&a, 1);
-  std::atomic<bool> stop{false};
-  std::thread poster([&] {
-    while (!stop.load()) a.PostEvent(1, nullptr);
-  });
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  for (int rounds = 0; rounds < 2000 || busy.events().size() < 500; ++rounds) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ADD_FAILURE() << "the poster made no progress";
-      break;
-    }
-    churn.Observe(&a, 1);
-    churn.Detach();
-  }
-  stop.store(true);
-  poster.join();
-}
-
-// The stress: posters on a few observables while other threads create,
-// subscribe, detach and destroy observers, and destroy and rebuild the
-// observables themselves. No handler runs on a destroyed observer or after
-// its Detach() returned.
+// Posters on a few observables while other threads create, subscribe,
+// detach and destroy observers and rebuild the observables. No handler runs
+// on a destroyed observer or after its Detach() returned.
 class Checked : public Observer {
  public:
   static constexpr std::uint32_t kAlive = 0xA11FE;
@@ -419,7 +262,6 @@ class Checked : public Observer {
 std::atomic<long> Checked::calls{0}, Checked::bad_calls{0};
 
 TEST(ObserverManager, StressPostAttachDetachDestroy) {
-  // No LM_DEBUG lines for the thousands of observers made.
   const unsigned long mask = ACE_LOG_MSG->priority_mask(ACE_Log_Msg::PROCESS);
   ACE_LOG_MSG->priority_mask(mask & ~static_cast<unsigned long>(LM_DEBUG),
                              ACE_Log_Msg::PROCESS);
@@ -428,11 +270,10 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
   std::mutex slot_owner[kObservables];  // held by whoever replaces a slot
   for (auto& s : slots) s.store(new Observable("stress"));
   std::atomic<bool> stop{false};
-  std::atomic<long> observables_rebuilt{0};
+  std::atomic<long> rebuilt{0};
   std::vector<std::thread> threads;
   for (int p = 0; p < kPosters; ++p)
     threads.emplace_back([&, p] {
-      // Possibly freed meanwhile: the manager only looks the address up.
       for (unsigned int i = p; !stop.load(std::memory_order_relaxed); ++i)
         Manager()->PostEvent(slots[i % kObservables].load(), 1, nullptr);
     });
@@ -445,7 +286,7 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
           const int i = static_cast<int>(rng() % kObservables);
           std::lock_guard<std::mutex> own(slot_owner[i]);
           delete slots[i].exchange(new Observable("stress"));
-          observables_rebuilt.fetch_add(1);
+          rebuilt.fetch_add(1);
           continue;
         }
         auto w = std::make_unique<Checked>();
@@ -458,13 +299,12 @@ TEST(ObserverManager, StressPostAttachDetachDestroy) {
         if (roll % 2 == 0) w->DetachAll();  // odd rolls: the destructor
       }
     });
-  // Run for a while, and at least until every kind of churn has happened.
   const auto enough =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
   const bool churned = WaitFor(
       [&] {
         return std::chrono::steady_clock::now() >= enough &&
-               observables_rebuilt.load() >= 10 && Checked::calls.load() > 0;
+               rebuilt.load() >= 10 && Checked::calls.load() > 0;
       },
       std::chrono::seconds(60));
   stop.store(true);
