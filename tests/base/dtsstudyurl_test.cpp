@@ -55,8 +55,6 @@ TEST(DTSStudyURL, ParseReadsEveryFieldOrRejectsWithTheMessage) {
       {"dts://h?P=/a/STACK/0001/1.2&S=1.2&V=3&T=270&N=5&GS=7&PID=Pat&"
        "ETAG=AbC&TS=20240315 143005",
        "h|/a/STACK|1.2|270|Pat|5|" + kTs + "|1|abc|3|"},
-      {"dts://h?path=/x&suid=9&version=v2&ts=20240315 143005",
-       "h|/x|9|0||0|" + kTs + "|0||v2|"},
       {"dts://?p=x&ts=20240315 143005",  // an empty host is the local one
        "pacs01|x||0||0|" + kTs + "|0|||"},
       // Numbers as the C runtime reads them; n = -1 prints as 2^64-1, which
@@ -72,11 +70,9 @@ TEST(DTSStudyURL, ParseReadsEveryFieldOrRejectsWithTheMessage) {
       {"dts://h?zz=1&p=x&flag&aa=2=3&&ts=20240315 143005&",
        "h|x||0||0|" + kTs + "|0|||&zz=1&flag&aa=2=3&&"},
       {"dts://host:104?p=x", "Port number specification found in dts URL"},
-      {"dts://host/dir?p=x", DTSStudyURL::kDirectPathname},
       {"dts://host:1/d?p=x", DTSStudyURL::kDirectPathname},  // '/' first
       {"dts://host", DTSStudyURL::kMissingParameters},
       {"http://host?p=x", DTSStudyURL::kNotDtsUrl},
-      {"dts:/", DTSStudyURL::kNotDtsUrl},
       {"dts://host?t=1&path", DTSStudyURL::kMissingPath},
       {"dts://host?p=&t=1", DTSStudyURL::kMissingPath},
   };
@@ -99,7 +95,6 @@ TEST(DTSStudyURL, ParseReadsEveryFieldOrRejectsWithTheMessage) {
 }
 
 TEST(DTSStudyURL, MissingTimestampIsNow) {
-  // The text form keeps whole seconds only; compare at that precision.
   const std::string before = S(BDateTime::Now().ToString()).substr(0, 19);
   const std::string got = S(DTSStudyURL("dts://h?p=x").timestamp().ToString());
   EXPECT_LE(before, got.substr(0, 19));
@@ -110,7 +105,6 @@ TEST(DTSStudyURL, GeneratedTextHasTheFixedOrder) {
   VirtualHost local("Local9");
   DTSStudyURL full("/data/x", "Node7", "1.2.3", SINGLE_SERVER_KORVEN, "PAT1",
                    42, kWhen, true, "ABC");
-  DTSStudyURL bare("/data/x", "n", "", CACHE, "", 0, kWhen, false, "");
   // Version and unknown parameters come from a parse and are kept.
   DTSStudyURL parsed("dts://h?zz=1&v=7&p=/y&ts=20240315 143005");
   parsed.ETAG("E1");
@@ -127,7 +121,6 @@ TEST(DTSStudyURL, GeneratedTextHasTheFixedOrder) {
       {&full,
        "dts://node7?p=/data/x&t=270&v=&ts=03/15/2024 14:30:05.0000&n=42&gs=1&"
        "suid=1.2.3&pid=PAT1&etag=abc"},
-      {&bare, "dts://n?p=/data/x&t=4&v=&ts=03/15/2024 14:30:05.0000&n=0&gs=0"},
       {&parsed,
        "dts://h?p=/y&t=0&v=7&ts=03/15/2024 "
        "14:30:05.0000&n=0&gs=0&etag=e1&zz=1"},
@@ -145,8 +138,7 @@ TEST(DTSStudyURL, GeneratedTextHasTheFixedOrder) {
 }
 
 TEST(DTSStudyURL, RandomFieldsSurviveGenerateParseGenerate) {
-  std::mt19937 rng(7);
-  // No 'k': a path holding "stack" is cut back on parsing.
+  std::mt19937 rng(7);  // no 'k': a path holding "stack" is cut on parsing
   const std::string alphabet =
       "abcdefghijlmnopqrstuvwxyzABCDEFGHIJLMNOPQRSTUVWXYZ0123456789._-/ ^";
   auto text = [&](size_t max) {
@@ -154,7 +146,7 @@ TEST(DTSStudyURL, RandomFieldsSurviveGenerateParseGenerate) {
     for (char& c : s) c = alphabet[rng() % alphabet.size()];
     return s;
   };
-  for (int i = 0; i < 2000; ++i) {
+  for (int i = 0; i < 500; ++i) {
     const std::string path = "/v" + text(40), host = "h" + std::to_string(i);
     const BDateTime when(static_cast<ACE_INT64>(rng() % 2000000000));
     const ACE_UINT64 n = (ACE_UINT64{rng()} << 31) ^ rng();
@@ -170,15 +162,13 @@ TEST(DTSStudyURL, RandomFieldsSurviveGenerateParseGenerate) {
 
 TEST(DTSStudyURL, ModuleTypeTexts) {
   std::string all;
-  for (int type : {3, 66, 8192, 64, 6, 0}) {
+  for (int type : {3, 66, 8192, 6}) {
     ACE_CString out("old");
     DTSStudyURL::convertModuleTypeToString(static_cast<ModuleType>(type), out);
     all += S(out) + " ";
   }
-  EXPECT_EQ(
-      "ENTERPRISE_IMAGE_DISTRIBUTION INTEGRATION UDM_PREP_STORAGE UNSET UNSET "
-      "UNSET ",
-      all);
+  EXPECT_EQ("ENTERPRISE_IMAGE_DISTRIBUTION INTEGRATION UDM_PREP_STORAGE UNSET ",
+            all);
 }
 
 // ------------------------------------------------------- copies of a study
@@ -207,14 +197,11 @@ TEST(DTSStudyCopies, GoldIsTheFirstOfTheStrongestKind) {
     const char* gold;  // id, "" when none
   } rows[] = {
       {{}, ""},
-      {{CACHE, ARCHIVE}, "1"},
-      {{ARCHIVE, CACHE}, "0"},
       {{ARCHIVE, ARCHIVE}, "0"},
       {{CACHE, SINGLE_SERVER_KORVEN}, "1"},  // 270 counts as an archive
       {{SINGLE_SERVER_KORVEN, UDM_STORAGE_SERVER}, "1"},
       {{INTEGRATION, CACHE}, "1"},  // 66 only at the processing step
       {{UDM_APP_SERVER, CACHE_FILTER}, "1"},
-      {{CACHE, UDM_APP_SERVER}, "1"},
       {{UDM_PREP_STORAGE, DICOM_PROCESSING}, "1"},
       {{VESTRA, ARCHIVE_MIRROR, INFRASTRUCTURE, UDM_PREP_STORAGE}, ""},
   };
@@ -252,7 +239,6 @@ TEST(DTSStudyCopies, MergeConditionGroupsEquivalentCopies) {
     std::vector<DTSStudyURL> locations;
     bool preset = false;  // a group is there before: it is not counted
   } rows[] = {
-      {false, "", {}},
       {false, "", {Loc("a", ARCHIVE, 5)}},
       {false,
        "[c a b ]",

@@ -1,6 +1,6 @@
 // Runs a piece of a test in a forked child, for changes that must not reach
-// the test process (namespaces, mounts, resource limits), and brings back
-// the text the child produced.
+// the test process (namespaces, mounts, ids, resource limits), and brings
+// back the text the child produced.
 #ifndef COM_TESTS_SUPPORT_FORKED_H_
 #define COM_TESTS_SUPPORT_FORKED_H_
 
@@ -14,44 +14,56 @@
 
 namespace testsupport {
 
-// The text `fn` returned in the child, or "child failed, status N" (or the
-// pipe/fork error) when it could not run or did not finish normally. A
-// child still running after `deadlineSeconds` is ended by SIGALRM, so a
-// hang shows as a failure instead of a stuck test.
-inline std::string RunForked(const std::function<std::string()>& fn,
-                             unsigned deadlineSeconds = 60) {
+// Forks, runs `fn` in the child and puts its text in `*text`. False, with
+// "child failed, status N" (or the pipe/fork error) in `*text`, when the
+// child could not run or did not finish normally. A child still running
+// after `deadlineSeconds` is ended by SIGALRM, so a hang fails the test.
+inline bool RunInChild(const std::function<std::string()>& fn,
+                       std::string* text, unsigned deadlineSeconds = 60) {
   int fds[2];
-  if (::pipe(fds) != 0) return std::string("pipe: ") + std::strerror(errno);
+  if (::pipe(fds) != 0) {
+    *text = std::string("pipe: ") + std::strerror(errno);
+    return false;
+  }
   std::fflush(nullptr);
   const pid_t pid = ::fork();
   if (pid < 0) {
-    const std::string why = std::string("fork: ") + std::strerror(errno);
+    *text = std::string("fork: ") + std::strerror(errno);
     ::close(fds[0]);
     ::close(fds[1]);
-    return why;
+    return false;
   }
   if (pid == 0) {
     ::close(fds[0]);
     ::alarm(deadlineSeconds);
-    const std::string text = fn();
-    for (size_t done = 0; done < text.size();) {
-      const ssize_t n = ::write(fds[1], text.data() + done, text.size() - done);
+    const std::string out = fn();
+    for (size_t done = 0; done < out.size();) {
+      const ssize_t n = ::write(fds[1], out.data() + done, out.size() - done);
       if (n <= 0) ::_exit(4);
       done += static_cast<size_t>(n);
     }
     ::_exit(0);
   }
   ::close(fds[1]);
-  std::string text;
+  text->clear();
   char buffer[4096];
   for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<size_t>(n));
+    text->append(buffer, static_cast<size_t>(n));
   ::close(fds[0]);
   int status = 0;
   if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
       WEXITSTATUS(status) != 0) {
-    return "child failed, status " + std::to_string(status);
+    *text = "child failed, status " + std::to_string(status);
+    return false;
   }
+  return true;
+}
+
+// The child's text, or why there is none.
+inline std::string RunForked(const std::function<std::string()>& fn,
+                             unsigned deadlineSeconds = 60) {
+  std::string text;
+  RunInChild(fn, &text, deadlineSeconds);
   return text;
 }
 
