@@ -28,7 +28,6 @@ TEST(BPersonName, FromDICOMNameSplitsComponentsAndDerivesDisplayForms) {
     const char* all;  // family|given|middle|prefix|suffix|display|title
   } rows[] = {
       {"Doe^John^Q^Dr^Jr", "Doe|John|Q|Dr|Jr|Doe, John, Q|Doe Dr, John, Q"},
-      {"Doe", "Doe|||||Doe|Doe"},
       {"Doe^^Q", "Doe||Q|||Doe, Q|Doe, Q"},
       {"^John", "|John||||, John|, John"},
       // Sixth and later pieces are dropped.
@@ -36,6 +35,10 @@ TEST(BPersonName, FromDICOMNameSplitsComponentsAndDerivesDisplayForms) {
       // No trimming, and '=' stays inside its component.
       {" Doe ^ John=J", " Doe | John=J|||| Doe ,  John=J| Doe ,  John=J"},
       {"^^^^", "||||||"},
+      // Groups stay inside the components of the whole name.
+      {"Yamada^Tarou=山田^太郎=やまだ^たろう",
+       "Yamada|Tarou=山田|太郎=やまだ|たろう||Yamada, Tarou=山田, "
+       "太郎=やまだ|Yamada たろう, Tarou=山田, 太郎=やまだ"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.dicom);
@@ -44,6 +47,10 @@ TEST(BPersonName, FromDICOMNameSplitsComponentsAndDerivesDisplayForms) {
     EXPECT_EQ(r.dicom, S(pn.GetDICOMName()));
     EXPECT_EQ(r.all, All(pn));
   }
+  EXPECT_STREQ("山田, 太郎", BPersonName("Yamada^Tarou=山田^太郎=やまだ")
+                                 .Ideographic()
+                                 .GetDisplayName()
+                                 .c_str());
   // One character reads as a whole text.
   for (char c : {'X', '^'}) {
     BPersonName pn("Doe^John");
@@ -57,8 +64,7 @@ TEST(BPersonName, ReparseClearsOldComponentsButEmptyTextKeepsFamily) {
   BPersonName pn("Doe^John^Q^Dr^Jr");
   ASSERT_TRUE(pn.FromDICOMName(ACE_CString("Roe^Jane")));
   EXPECT_EQ("Roe|Jane||||Roe, Jane|Roe, Jane", All(pn));
-  // An empty text splits into nothing: the family name survives while the
-  // other components and the DICOM text are reset.
+  // An empty text splits into nothing: only the family name survives.
   ASSERT_TRUE(pn.FromDICOMName(ACE_CString("")));
   EXPECT_EQ("Roe|||||Roe|Roe", All(pn));
   EXPECT_EQ("", S(pn.GetDICOMName()));
@@ -73,7 +79,6 @@ TEST(BPersonName, FromDisplayNameTrimsAndLeavesDicomFormsAlone) {
   } rows[] = {
       {" Doe,\tJohn ,Q\r\n", "Doe|John|Q"},
       {"Doe,John,Q,extra", "Doe|John|Q"},
-      {",,", "||"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.display);
@@ -94,8 +99,8 @@ TEST(BPersonName, ToDICOMNameAlwaysWritesFourCarets) {
   built.SetFamilyName("Smith");
   built.SetPrefix("Dr");
   built.SetMiddleName("A");
+  EXPECT_EQ("Smith||A|Dr|||", All(built));
   EXPECT_FALSE(built.IsValid());
-  EXPECT_EQ("", S(built.GetDisplayName()));
   EXPECT_EQ("Smith^^A^Dr^", S(built.ToDICOMName()));
   EXPECT_TRUE(built.IsValid());
   EXPECT_EQ("Smith||A|Dr||Smith, A|Smith Dr, A", All(built));
@@ -103,7 +108,6 @@ TEST(BPersonName, ToDICOMNameAlwaysWritesFourCarets) {
   BPersonName fromDisplay;
   fromDisplay.FromDisplayName(" Roe , Jane ");
   EXPECT_EQ("Roe^Jane^^^", S(fromDisplay.ToDICOMName()));
-  EXPECT_EQ("Roe, Jane", S(fromDisplay.GetDisplayName()));
   EXPECT_TRUE(BPersonName(fromDisplay.GetDICOMName()) == fromDisplay);
 }
 
@@ -116,7 +120,6 @@ TEST(BPersonName, EqualityCoversEveryFieldAndIsCaseSensitive) {
   } rows[] = {
       {"same text", BPersonName("Doe^John^Q^Dr^Jr"), true},
       {"case", BPersonName("doe^John^Q^Dr^Jr"), false},
-      {"suffix", BPersonName("Doe^John^Q^Dr^Sr"), false},
       {"extra piece only in DICOM text", BPersonName("Doe^John^Q^Dr^Jr^X"),
        false},
   };
@@ -126,10 +129,8 @@ TEST(BPersonName, EqualityCoversEveryFieldAndIsCaseSensitive) {
     EXPECT_EQ(r.equal, base(r.other));
     EXPECT_EQ(!r.equal, base != r.other);
   }
-  BPersonName copy;
-  copy = base;
+  BPersonName copy = base;
   copy.Clear();
-  EXPECT_FALSE(copy.IsValid());
   EXPECT_TRUE(copy == BPersonName());
   // Same strings, different validity.
   BPersonName b;
@@ -137,46 +138,19 @@ TEST(BPersonName, EqualityCoversEveryFieldAndIsCaseSensitive) {
   EXPECT_FALSE(BPersonName() == b);
 }
 
-// For each name: pydicom's three groups, and the five components of each
-// (split at "^", as pydicom splits the alphabetic group into family_name
-// .. name_suffix), joined with "|".
+// pydicom's three groups of each name, each followed by its five components.
 const char kGroupOracle[] = R"PY(
 import sys, warnings
 from pydicom.valuerep import PersonName
 warnings.simplefilter("ignore")
 for line in sys.stdin:
-    t = line[:-1]
-    p = PersonName(t)
-    groups = (list(p.components) + ["", "", ""])[:3]
-    out = []
-    for i, g in enumerate(groups):
-        parts = (g.split("^") + [""] * 5)[:5]
-        if i == 0:
-            assert parts == [p.family_name, p.given_name, p.middle_name,
-                             p.name_prefix, p.name_suffix]
-        if i == 1:
-            assert g == p.ideographic
-        if i == 2:
-            assert g == p.phonetic
-        out.append(g)
-        out.extend(parts)
-    print("|".join(out))
+    groups = (list(PersonName(line[:-1]).components) + ["", "", ""])[:3]
+    print("|".join(x for g in groups for x in [g] + (g.split("^") + [""] * 5)[:5]))
 )PY";
 
 std::vector<std::string> Names() {
-  std::vector<std::string> out = {
-      "Yamada^Tarou=山田^太郎=やまだ^たろう",
-      "=Smith",
-      "Smith==",
-      "Smith=",
-      "==やまだ",
-      "",
-      "=",
-      "Doe^John^Q^Dr^Jr",
-      "A^B^C^D^E^F=G^H^I^J^K^L",
-      "^^^^",
-      "Wang^XiaoDong=王^小東=",
-  };
+  std::vector<std::string> out = {"=Smith", "Smith==", "",
+                                  "A^B^C^D^E^F=G^H^I^J^K^L"};
   const char* const pieces[] = {"",       "Doe", "John", "山田",    "太郎",
                                 "やまだ", "Q",   "Dr.",  "van der", "Ö"};
   std::mt19937 rng(18);
@@ -210,9 +184,8 @@ std::string Parts(const BPersonName& group) {
   return s;
 }
 
-// The groups and their components agree with pydicom's PersonName, the
-// text is kept byte for byte, and the members of the whole name read as
-// they always did ("=" inside the components).
+// Groups and components against pydicom's PersonName; the whole name reads
+// as before.
 TEST(BPersonName, GroupsAgreeWithPydicom) {
   if (!comtest::PythonHas("pydicom")) GTEST_SKIP() << "no python3-pydicom";
   std::vector<std::string> names = Names();
@@ -231,17 +204,6 @@ TEST(BPersonName, GroupsAgreeWithPydicom) {
     whole.FromDICOMName(ACE_String_Base<char>(names[i].c_str()));
     EXPECT_TRUE(whole == pn);
   }
-}
-
-TEST(BPersonName, GroupsLeaveTheWholeNameAsItWas) {
-  BPersonName const pn("Yamada^Tarou=山田^太郎=やまだ^たろう");
-  EXPECT_STREQ("Yamada", pn.GetFamilyName().c_str());
-  EXPECT_STREQ("Tarou=山田", pn.GetGivenName().c_str());
-  EXPECT_STREQ("太郎=やまだ", pn.GetMiddleName().c_str());
-  EXPECT_STREQ("たろう", pn.GetPrefix().c_str());
-  EXPECT_STREQ("Yamada, Tarou=山田, 太郎=やまだ", pn.GetDisplayName().c_str());
-  EXPECT_STREQ("山田, 太郎", pn.Ideographic().GetDisplayName().c_str());
-  EXPECT_TRUE(pn.Phonetic().IsValid());
 }
 
 }  // namespace

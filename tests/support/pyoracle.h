@@ -1,11 +1,9 @@
-// Runs a Python script under the system interpreter (/usr/bin/python3, where
-// python3-pydicom lives) over input lines, and returns its output lines.
-// Tests use it to compute expected results with an independent
-// implementation. Lines must not contain '\n'.
+// Runs a Python script under /usr/bin/python3 (where python3-pydicom lives)
+// over input lines and returns its output lines: expected results from an
+// independent implementation. Lines must not contain '\n'.
 #ifndef COM_TESTS_SUPPORT_PYORACLE_H_
 #define COM_TESTS_SUPPORT_PYORACLE_H_
 
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -25,8 +23,8 @@ inline bool PythonHas(const char* module) {
   return std::system(cmd.c_str()) == 0;
 }
 
-// Runs `script` with `input` on its standard input (one line each); fills
-// `output` with its standard output lines. False (with the reason in `why`)
+// Runs `script` with `input` on its standard input, one line each, and fills
+// `output` with its standard output lines. False, with the reason in `why`,
 // when the script cannot run or exits non-zero.
 inline bool RunPython(const std::string& script,
                       const std::vector<std::string>& input,
@@ -34,33 +32,22 @@ inline bool RunPython(const std::string& script,
   testsupport::TempFolder dir;
   std::string const py = dir.path() + "/oracle.py";
   std::string const in = dir.path() + "/input.txt";
+  std::string const out = dir.path() + "/output.txt";
+  std::ofstream(py, std::ios::binary) << script;
   {
-    std::ofstream(py, std::ios::binary) << script;
     std::ofstream f(in, std::ios::binary);
     for (const std::string& line : input) f << line << '\n';
   }
-  std::string const cmd = std::string(kPython) + " " + py + " < " + in;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) {
-    why = "popen failed";
-    return false;
-  }
-  output.clear();
-  std::string line;
-  int c = 0;
-  while ((c = std::fgetc(p)) != EOF) {
-    if (c == '\n') {
-      output.push_back(line);
-      line.clear();
-    } else {
-      line += static_cast<char>(c);
-    }
-  }
-  int const status = pclose(p);
+  std::string const cmd =
+      std::string(kPython) + " " + py + " < " + in + " > " + out;
+  int const status = std::system(cmd.c_str());
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     why = "python3 failed with status " + std::to_string(status);
     return false;
   }
+  std::ifstream f(out, std::ios::binary);
+  output.clear();
+  for (std::string line; std::getline(f, line);) output.push_back(line);
   return true;
 }
 
