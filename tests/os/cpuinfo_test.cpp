@@ -177,7 +177,6 @@ TEST(CPUStats, ABusyCoreShowsBusy) {
   EXPECT_EQ(-1, stats.TotalUsage());  // one sample is no interval
   CPUInfo cpu;
   ASSERT_TRUE(CPUInfo::Read(cpu));
-  EXPECT_LE(cpu.logicalCores, stats.CoreCount());
 
   // A thread pinned to the last CPU must show it nearly fully used in some
   // interval before the deadline.

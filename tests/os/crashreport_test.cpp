@@ -9,8 +9,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <pthread.h>
 #include <stdexcept>
 #include <string>
@@ -117,12 +115,6 @@ TEST(CrashReportRules, UtcTimeAgreesWithGmtime) {
   }
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in),
-                     std::istreambuf_iterator<char>());
-}
-
 // The report files of `folder`.
 std::vector<std::string> Reports(const std::string& folder) {
   std::vector<std::string> found;
@@ -202,7 +194,8 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
     ASSERT_NE(-1, status) << "the child hung";
     ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
     EXPECT_EQ(r.signal, WTERMSIG(status));
-    const std::string log = ReadFile(folder.File("stderr.log"));
+    const std::string log =
+        testsupport::TempFolder::Read(folder.File("stderr.log"));
     EXPECT_NE(std::string::npos, log.find(r.function)) << log;
     if (!r.name) {
       EXPECT_NE(std::string::npos, log.find(r.extra)) << log;
@@ -212,7 +205,7 @@ TEST(CUnhandleExceptionFilter, ReportsRealCrashesAndDiesOfTheSignal) {
     EXPECT_TRUE(Reports(other.path()).empty());
     const std::vector<std::string> reports = Reports(folder.path());
     ASSERT_EQ(1u, reports.size());
-    const std::string report = ReadFile(reports[0]);
+    const std::string report = testsupport::TempFolder::Read(reports[0]);
     const std::string file = std::filesystem::path(reports[0]).filename();
     const size_t at = file.find("_crash_") + 7;
     const std::string pid = file.substr(at, file.find('_', at) - at);

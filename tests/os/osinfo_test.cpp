@@ -59,9 +59,9 @@ TEST(OsVersionInfo, Comparisons) {
     const char* wanted;
     bool equal, atLeast, below;
   } rows[] = {
-      {true, "6.1", true, true, false},    {true, "x", false, false, false},
-      {true, "6.1.5", false, false, true}, {false, "11", false, true, false},
-      {false, "12.1", false, false, true},
+      {true, "6.1", true, true, false},
+      {true, "6.1.5", false, false, true},
+      {false, "11", false, true, false},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.kernel ? "kernel " : "distribution ") +
