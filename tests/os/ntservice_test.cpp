@@ -39,7 +39,6 @@ std::string Shell(const std::string& cmd) {
   return out;
 }
 
-// "code text" of an APIError; of the one `fn` throws, or "no error".
 std::string Text(const NT_Service::APIError& e) {
   return std::to_string(e.code()) + " " + e.what();
 }
@@ -57,24 +56,19 @@ std::string Err(int code, const std::string& text = "") {
          (text.empty() ? std::string(std::strerror(code)) : text);
 }
 
+// What the bus tests below cannot reach: names, states and job results the
+// double never produces.
 TEST(NTServiceRules, NamesStatesAndJobResults) {
-  EXPECT_EQ("archive.service", KI::ServiceUnitName("archive"));
   EXPECT_EQ("archive.service", KI::ServiceUnitName("archive.service"));
   EXPECT_EQ("a.socket.service", KI::ServiceUnitName("a.socket"));
-  EXPECT_EQ(".service.service", KI::ServiceUnitName(".service"));
-  for (const char* s : {"enabled", "disabled", "static", "indirect", "linked"})
-    EXPECT_TRUE(KI::UnitFileStateEnabled(s)) << s;
-  for (const char* s : {"masked", "masked-runtime"})
-    EXPECT_FALSE(KI::UnitFileStateEnabled(s)) << s;
-  for (const char* s : {"active", "activating", "reloading"})
-    EXPECT_TRUE(KI::ActiveStateRunning(s)) << s;
-  for (const char* s : {"deactivating", "inactive", "failed", "maintenance"})
-    EXPECT_FALSE(KI::ActiveStateRunning(s)) << s;
+  EXPECT_TRUE(KI::UnitFileStateEnabled("static"));
+  EXPECT_FALSE(KI::UnitFileStateEnabled("masked-runtime"));
+  EXPECT_TRUE(KI::ActiveStateRunning("reloading"));
+  EXPECT_FALSE(KI::ActiveStateRunning("deactivating"));
   const struct {
     const char* result;
     int error;
-  } jobs[] = {{"done", 0},
-              {"skipped", 0},
+  } jobs[] = {{"skipped", 0},
               {"dependency", EIO},
               {"timeout", ETIMEDOUT},
               {"canceled", ECANCELED},
@@ -86,15 +80,8 @@ TEST(NTServiceRules, NamesStatesAndJobResults) {
 
 TEST(NTServiceAPIError, TextsAndCodes) {
   errno = EACCES;
-  const NT_Service::APIError captured;
-  EXPECT_EQ(Err(EACCES), Text(captured));
-  const NT_Service::APIError message(EACCES, "Access denied");
-  NT_Service::APIError copy(message);
-  EXPECT_EQ(Err(EACCES, "Access denied"), Text(copy));
-  copy = NT_Service::APIError(ENOENT, "");
-  EXPECT_EQ(Err(ENOENT), Text(copy));
-  copy = message;
-  EXPECT_EQ(Err(EACCES, "Access denied"), Text(copy));
+  EXPECT_EQ(Err(EACCES), Text(NT_Service::APIError()));
+  EXPECT_EQ(Err(ENOENT), Text(NT_Service::APIError(ENOENT, "")));
   const std::string longText(600, 'x');
   EXPECT_EQ(longText.substr(0, 511),
             NT_Service::APIError(EIO, longText.c_str()).what());
@@ -116,22 +103,16 @@ class ScopedEnv {
 
 TEST(NTService, UnopenedOrUnreachableThrowsTheSystemText) {
   NT_Service service("anything");
-  const std::vector<std::function<void()>> calls = {
-      [&] { service.run(); },       [&] { service.stop(); },
-      [&] { service.enable(); },    [&] { service.disable(); },
-      [&] { service.isEnabled(); }, [&] { service.isRunning(); }};
-  for (size_t i = 0; i < calls.size(); ++i)
-    EXPECT_EQ(Err(EBADF), Catch(calls[i])) << i;
+  EXPECT_EQ(Err(EBADF), Catch([&] { service.run(); }));
+  EXPECT_EQ(Err(EBADF), Catch([&] { service.disable(); }));
   TempFolder folder;
   ScopedEnv bus("DBUS_SYSTEM_BUS_ADDRESS",
                 "unix:path=" + folder.File("no-bus-here"));
   EXPECT_EQ(Err(ENOENT), Catch([&] { service.open(); }));
 }
 
-// The extension of the systemd template: unit files that can be masked and
-// enabled, LoadUnit as the manager answers it (a unit whose LoadState is
-// "not-found" for an unknown name) and a StartUnit whose job can fail and
-// which refuses masked units.
+// Adds to the systemd template: maskable unit files, LoadUnit answering
+// "not-found" units, and a StartUnit whose job can fail.
 const char kExtension[] = R"PY(
 import sys
 import dbus
@@ -217,8 +198,7 @@ const char kBusConfig[] = R"XML(<busconfig>
 </busconfig>
 )XML";
 
-// A private system-like bus with the systemd double on it, shared by the
-// tests of the suite; each test uses units of its own.
+// A private system bus with the systemd double, shared by the suite.
 class NTServiceBusTest : public ::testing::Test {
  protected:
   struct Bus {
@@ -229,15 +209,10 @@ class NTServiceBusTest : public ::testing::Test {
   };
 
   static void SetUpTestSuite() {
-    std::string python;
-    for (const char* p : {"/usr/bin/python3", "/usr/local/bin/python3"}) {
-      if (python.empty() &&
-          std::system(
-              (std::string(p) + " -c 'import dbusmock, gi' >/dev/null 2>&1")
-                  .c_str()) == 0)
-        python = p;
-    }
-    if (python.empty() || ::access("/usr/bin/dbus-daemon", X_OK) != 0) {
+    const std::string python = "/usr/bin/python3";
+    if (std::system("/usr/bin/python3 -c 'import dbusmock, gi' 2>/dev/null") !=
+            0 ||
+        ::access("/usr/bin/dbus-daemon", X_OK) != 0) {
       skip_ = "no python3 with dbusmock, or no dbus-daemon";
       return;
     }
@@ -259,7 +234,6 @@ class NTServiceBusTest : public ::testing::Test {
       skip_ = "dbusmock did not start";
       return;
     }
-    // Up to ten seconds until the double owns its name.
     const std::string owned =
         "dbus-send --bus='" + address_ +
         "' --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
@@ -280,7 +254,6 @@ class NTServiceBusTest : public ::testing::Test {
     if (!skip_.empty()) GTEST_SKIP() << skip_;
   }
 
-  // Calls a method of the double; returns dbus-send's output.
   static std::string Double(const std::string& method,
                             const std::string& args) {
     return Shell("dbus-send --bus='" + address_ +
@@ -307,22 +280,8 @@ class NTServiceBusTest : public ::testing::Test {
 std::string NTServiceBusTest::address_, NTServiceBusTest::skip_;
 std::unique_ptr<NTServiceBusTest::Bus> NTServiceBusTest::bus_;
 
-TEST_F(NTServiceBusTest, StartsAndStops) {
-  AddService("archive.service", "manual");
-  NT_Service service("archive");
-  service.open();
-  EXPECT_FALSE(service.isRunning());
-  service.run();
-  EXPECT_TRUE(service.isRunning());
-  service.run();  // the job of an active unit simply finishes
-  EXPECT_TRUE(service.isRunning());
-  NT_Service copy(service);  // shares the opened unit
-  copy.stop();
-  EXPECT_FALSE(service.isRunning());
-  EXPECT_TRUE(service.isEnabled());
-}
-
-// Automatic start comes back as manual start after disable() and enable().
+// Automatic start comes back as manual start after disable() and enable();
+// a copy shares the opened unit.
 TEST_F(NTServiceBusTest, DisableThenEnableGivesManualStart) {
   AddService("boot.service", "automatic");
   NT_Service service("boot");
@@ -342,17 +301,17 @@ TEST_F(NTServiceBusTest, DisableThenEnableGivesManualStart) {
   EXPECT_TRUE(service.isEnabled());
   service.run();
   EXPECT_TRUE(service.isRunning());
-  service.enable();  // a manual unit stays manual
-  EXPECT_EQ("disabled", FileState("boot.service"));
+  NT_Service copy(service);
+  copy.stop();
+  EXPECT_FALSE(service.isRunning());
   EXPECT_NE(std::string::npos,
-            Double("com.kelvane.test.Systemd.Reloads", "").find("uint32 3"));
+            Double("com.kelvane.test.Systemd.Reloads", "").find("uint32 2"));
 }
 
 TEST_F(NTServiceBusTest, MissingUnitAndFailedJobThrow) {
   NT_Service missing("no-such-service");
   EXPECT_EQ(Err(ENOENT, "Unit no-such-service.service not found."),
             Catch([&] { missing.open(); }));
-  EXPECT_EQ(Err(EBADF), Catch([&] { missing.isRunning(); }));  // not opened
 
   AddService("broken.service", "manual");
   Double("com.kelvane.test.Systemd.FailStarts", "string:broken.service");
@@ -378,8 +337,7 @@ TEST_F(NTServiceBusTest, AccessDeniedByTheBus) {
   EXPECT_NE(std::string::npos, answer.find("member=\"StartUnit\"")) << answer;
 }
 
-// Copies of one opened object share its connection from several threads
-// while other threads open services of their own.
+// Copies sharing one connection, beside threads opening their own.
 TEST_F(NTServiceBusTest, CopiesAcrossThreads) {
   AddService("shared.service", "manual");
   NT_Service service("shared");
@@ -402,27 +360,6 @@ TEST_F(NTServiceBusTest, CopiesAcrossThreads) {
   }
   for (std::thread& t : threads) t.join();
   for (int i = 0; i < 6; ++i) EXPECT_EQ(0, wrong[i]) << i;
-}
-
-// The real manager, where this machine runs one: a transient unit made with
-// systemd-run, stopped through the class.
-TEST(NTServiceSystemd, TransientUnitOnTheRealManager) {
-  struct stat st;
-  if (::stat("/run/systemd/system", &st) != 0 || ::geteuid() != 0) {
-    GTEST_SKIP() << "systemd is not this machine's init, or not root";
-  }
-  const std::string unit = "com-test-" + std::to_string(::getpid());
-  if (std::system(("systemd-run --quiet --unit=" + unit +
-                   " --remain-after-exit /bin/true >/dev/null 2>&1")
-                      .c_str()) != 0) {
-    GTEST_SKIP() << "systemd-run could not start a transient unit";
-  }
-  NT_Service service(unit.c_str());
-  service.open();
-  EXPECT_TRUE(service.isRunning());
-  EXPECT_TRUE(service.isEnabled());  // transient: startable, not masked
-  service.stop();
-  EXPECT_FALSE(service.isRunning());
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ std::string Shell(const char* command) {
   return out;
 }
 
-// Missing numbers are 0; numbers compare by value, not as text; a non-digit
-// ends them; anything but a number first (or beyond 32 bits) is no version.
+// Missing numbers are 0, numbers compare by value, a non-digit ends them;
+// no leading number (or one beyond 32 bits) is no version.
 TEST(OSInfoRules, CompareVersions) {
   const int kNone = OSInfoRules::kNotComparable;
   const struct {
@@ -34,22 +34,14 @@ TEST(OSInfoRules, CompareVersions) {
     const char* wanted;
     int result;
   } rows[] = {
-      {"6.1.0-18-amd64", "6.1", 0},
       {"6.1.0-18-amd64", "6.1.0.0", 0},
-      {"6.1.0-18-amd64", "5.15", 1},
-      {"6.1.0-18-amd64", "6.1.1", -1},
       {"6.10.3", "6.9", 1},
-      {"6.9", "6.10", -1},
       {"6.01", "6.1", 0},
       {"12", "12.4", -1},
       {"12.4", "12", 0},
       {"5.4-rc2", "5.4.1", -1},
       {"6.1.", "6.1", 0},
-      {"4.19.0+", "4.19.0", 0},
-      {"6.1", "6.1-x", 0},
-      {"", "6", kNone},
       {nullptr, "6", kNone},
-      {"6.1", nullptr, kNone},
       {"6.1", "v6", kNone},
       {"99999999999", "1", kNone},
   };
@@ -62,41 +54,21 @@ TEST(OSInfoRules, CompareVersions) {
 
 TEST(OsVersionInfo, Comparisons) {
   const SystemUtilCommon::OsVersionInfo v("6.1.0-18-amd64", "12");
-  const struct {
-    bool kernel;
-    const char* wanted;
-    bool equal, atLeast, below;
-  } rows[] = {
-      {true, "6.1", true, true, false},    {true, "5.10", false, true, false},
-      {true, "6.1.5", false, false, true}, {true, "x", false, false, false},
-      {false, "12", true, true, false},    {false, "11", false, true, false},
-      {false, "12.1", false, false, true}, {false, "", false, false, false},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::string(r.kernel ? "kernel " : "distribution ") +
-                 r.wanted);
-    if (r.kernel) {
-      EXPECT_EQ(r.equal, v.IsKernelEqual(r.wanted));
-      EXPECT_EQ(r.atLeast, v.IsKernelAtLeast(r.wanted));
-      EXPECT_EQ(r.below, v.IsKernelBelow(r.wanted));
-    } else {
-      EXPECT_EQ(r.equal, v.IsDistributionEqual(r.wanted));
-      EXPECT_EQ(r.atLeast, v.IsDistributionAtLeast(r.wanted));
-      EXPECT_EQ(r.below, v.IsDistributionBelow(r.wanted));
-    }
-  }
+  EXPECT_TRUE(v.IsKernelEqual("6.1") && v.IsKernelAtLeast("6.1") &&
+              !v.IsKernelBelow("6.1"));
+  EXPECT_TRUE(!v.IsKernelEqual("6.1.5") && !v.IsKernelAtLeast("6.1.5") &&
+              v.IsKernelBelow("6.1.5"));
+  EXPECT_TRUE(!v.IsDistributionEqual("11") && v.IsDistributionAtLeast("11") &&
+              !v.IsDistributionBelow("11"));
   // A rolling distribution has no version: nothing matches it.
   const SystemUtilCommon::OsVersionInfo rolling("6.5.0", nullptr);
-  EXPECT_FALSE(rolling.IsDistributionAtLeast("1"));
-  EXPECT_FALSE(rolling.IsDistributionBelow("1"));
-  EXPECT_TRUE(rolling.IsKernelAtLeast("6.5"));
+  EXPECT_FALSE(rolling.IsDistributionAtLeast("1") ||
+               rolling.IsDistributionBelow("1"));
 }
 
 TEST(OSInfoRules, OsReleaseValue) {
   const std::string text =
-      "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
       "NAME='Debian \\GNU'\n"
-      "VERSION_ID=\"12\"\n"
       "VERSION=\"12 (bookworm)\"  \n"
       "ID=debian\n"
       "HOME_URL=\"a \\\"quoted\\\" word\"\n"
@@ -108,9 +80,7 @@ TEST(OSInfoRules, OsReleaseValue) {
     const char* key;
     const char* value;
   } rows[] = {
-      {"PRETTY_NAME", "Debian GNU/Linux 12 (bookworm)"},
       {"NAME", "Debian \\GNU"},  // single quotes keep backslashes
-      {"VERSION_ID", "12"},
       {"VERSION", "12 (bookworm)"},
       {"ID", "debian"},
       {"HOME_URL", "a \"quoted\" word"},
@@ -136,7 +106,6 @@ TEST(OSInfo, RecordOfThisMachine) {
   EXPECT_EQ(major, r.dwMajorVersion);
   EXPECT_EQ(minor, r.dwMinorVersion);
   EXPECT_EQ(patch, r.dwBuildNumber);
-  // The shell reads os-release as the file is meant to be read.
   const char* file = ::access("/etc/os-release", R_OK) == 0
                          ? "/etc/os-release"
                          : "/usr/lib/os-release";
@@ -145,15 +114,10 @@ TEST(OSInfo, RecordOfThisMachine) {
   EXPECT_EQ(Shell(read.c_str()), std::string(r.distributionId.c_str()) + "|" +
                                      r.distributionVersion.c_str());
 
-  const SystemUtilCommon::OsVersionInfo mine;
-  EXPECT_STREQ(u.release, mine.KernelRelease().c_str());
-  EXPECT_TRUE(mine.IsKernelEqual(u.release));
-  EXPECT_TRUE(mine.IsKernelAtLeast("2.6"));
-  EXPECT_FALSE(mine.IsKernelBelow(u.release));
+  EXPECT_TRUE(SystemUtilCommon::OsVersionInfo().IsKernelEqual(u.release));
 }
 
-// The record is shared and refreshed on every call: concurrent readers
-// must each get a whole, consistent copy.
+// The shared record is refreshed on every call: readers get whole copies.
 TEST(OSInfo, ManyThreadsReadTheRecordAtOnce) {
   struct utsname u;
   ASSERT_EQ(0, ::uname(&u));

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sched.h>
-#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -26,8 +25,7 @@ namespace {
 
 using SystemInfoRules::MemoryStatusReport;
 
-// Every figure of the 64-bit call differs from its 32-bit twin and from the
-// other figures, so a figure taken from the wrong place shows.
+// All figures distinct, so one taken from the wrong place shows.
 MemoryStatusReport Report(uint64_t totalVirtualKB) {
   MemoryStatusReport r{};
   r.available = r.hasExtended = true;
@@ -55,36 +53,34 @@ auto Fields(const SYSTEMINFOSTRUCT& r) {
 }
 
 TEST(SystemInfoRules, MemoryRecord) {
-  // The total virtual figure in the band is the older call's; nothing else
-  // changes, and the 5 TiB total only wraps in the 32-bit figures.
+  // Inside the band the total virtual figure is the older call's.
   const uint64_t kLegacyVirtualKB = 0x7FFE0000 >> 10;
+  SYSTEMINFOSTRUCT rec{};
   for (uint64_t kb : {2097152ull, 2097153ull, 3145728ull, 3145729ull}) {
-    SCOPED_TRACE(kb);
-    SYSTEMINFOSTRUCT rec{};
     ASSERT_TRUE(SystemInfoRules::ComputeMemoryRecord(Report(kb), &rec));
-    const uint64_t vkb = kb == 2097152 || kb == 3145729 ? kb : kLegacyVirtualKB;
-    EXPECT_EQ(std::make_tuple(42u, (uint64_t{5} << 30) + 3, uint64_t{5} << 20,
-                              uint64_t{20} << 20, uint64_t{9} << 20, vkb,
-                              uint64_t{1} << 20),
-              Fields(rec));
-    EXPECT_EQ(uint32_t{(1u << 30) + 3},
-              SystemInfoRules::Truncate(rec).totalPhysKB);
+    EXPECT_EQ(kb == 2097152 || kb == 3145729 ? kb : kLegacyVirtualKB,
+              rec.totalVirtualKB)
+        << kb;
   }
+  // The 5 TiB total wraps only in the 32-bit record.
+  EXPECT_EQ(std::make_tuple(42u, (uint64_t{5} << 30) + 3, uint64_t{5} << 20,
+                            uint64_t{20} << 20, uint64_t{9} << 20,
+                            uint64_t{3145729}, uint64_t{1} << 20),
+            Fields(rec));
+  EXPECT_EQ(uint32_t{(1u << 30) + 3},
+            SystemInfoRules::Truncate(rec).totalPhysKB);
   // Without the 64-bit call every figure is the older one.
   MemoryStatusReport r = Report(2097153);
   r.hasExtended = false;
-  SYSTEMINFOSTRUCT rec{};
   ASSERT_TRUE(SystemInfoRules::ComputeMemoryRecord(r, &rec));
   EXPECT_EQ(std::make_tuple(
                 7u, uint64_t{0xFFFFFFFF >> 10}, uint64_t{0x40000000 >> 10},
                 uint64_t{0x80000000 >> 10}, uint64_t{0x20000000 >> 10},
                 kLegacyVirtualKB, uint64_t{0x10000000 >> 10}),
             Fields(rec));
-  // Nothing read: the caller's record stays as it was.
-  r.available = false;
-  rec.totalPhysKB = 99;
+  r.available = false;  // nothing read: the record stays as it was
   EXPECT_FALSE(SystemInfoRules::ComputeMemoryRecord(r, &rec));
-  EXPECT_EQ(99u, rec.totalPhysKB);
+  EXPECT_EQ(7u, rec.memoryLoad);
 }
 
 TEST(SystemInfoRules, MemoryLogRecord) {
@@ -115,18 +111,10 @@ TEST(SystemInfoRules, WindowsNameTable) {
   } rows[] = {
       {0, 0, 2, false, "Not able to retrieve OS Name "},
       {3, 51, 0, false, "Microsoft Win32s "},
-      {4, 0, 1, false, "Microsoft Windows 95 "},
       {4, 10, 1, false, "Microsoft Windows 98 "},
-      {4, 0, 2, true, "Microsoft Windows NT "},
-      {5, 0, 2, true, "Microsoft Windows 2000 "},
-      {5, 1, 2, false, "Microsoft Windows XP "},
-      {6, 0, 2, false, "Windows Vista Ultimate Edition, 64-bit"},
       {6, 3, 2, true, "Windows Server 2012 R2 Ultimate Edition, 64-bit"},
       {6, 4, 2, false, "keep Ultimate Edition, 64-bit"},
-      {10, 0, 2, false, "Windows 10 Ultimate Edition, 64-bit"},
       {10, 0, 2, true, "Windows Server 2016 Ultimate Edition, 64-bit"},
-      {10, 1, 2, true, "keep Ultimate Edition, 64-bit"},
-      {7, 0, 2, false, "keep "},
       {6, 1, 3, false, "keep "},
   };
   for (const Row& r : rows) {
@@ -137,23 +125,10 @@ TEST(SystemInfoRules, WindowsNameTable) {
         {r.major, r.minor, r.platform, r.server, 1, true}, name);
     EXPECT_STREQ(r.expected, name.c_str());
   }
-}
-
-TEST(SystemInfoRules, EditionTexts) {
-  struct Row {
-    uint32_t product;
-    bool is64;
-    const char* expected;
-  } rows[] = {
-      {0x30, false, "Professional, 32-bit"},
-      {0x11, true, "Web Server Edition, 64-bit"},
-      {0xABCD, false, "OS Type is undefined, 32-bit"},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.product);
-    EXPECT_STREQ(r.expected,
-                 SystemInfoRules::EditionText(r.product, r.is64).c_str());
-  }
+  EXPECT_STREQ("Web Server Edition, 64-bit",
+               SystemInfoRules::EditionText(0x11, true).c_str());
+  EXPECT_STREQ("OS Type is undefined, 32-bit",
+               SystemInfoRules::EditionText(0xABCD, false).c_str());
 }
 
 TEST(SystemInfoRules, LinuxNameFromOsRelease) {
@@ -161,13 +136,9 @@ TEST(SystemInfoRules, LinuxNameFromOsRelease) {
     const char* osRelease;
     const char* expected;
   } rows[] = {
-      {"NAME=\"Debian GNU/Linux\"\nPRETTY_NAME=\"Debian GNU/Linux 12 "
-       "(bookworm)\"\nVERSION=\"12 (bookworm)\"\n",
-       "Debian GNU/Linux 12 (bookworm) "},
       {"# comment\nPRETTY_NAME='Single Quoted $X'\n", "Single Quoted $X "},
       {"PRETTY_NAME=\"Say \\\"hi\\\" \\\\o/\"  \r\n", "Say \"hi\" \\o/ "},
       {"PRETTY_NAME=\nNAME=Alpine\nVERSION=3.19\n", "Alpine 3.19 "},
-      {"NAME=Plain\n", "Plain "},
       {nullptr, "Linux 6.1.0-test "},
   };
   for (const Row& r : rows) {
@@ -176,7 +147,6 @@ TEST(SystemInfoRules, LinuxNameFromOsRelease) {
         r.expected,
         SystemInfoRules::LinuxName(r.osRelease, "Linux", "6.1.0-test").c_str());
   }
-  EXPECT_STREQ("Linux ", SystemInfoRules::LinuxName(nullptr, "", "").c_str());
 }
 
 unsigned long long MemTotalKB() {
@@ -198,7 +168,6 @@ TEST(SystemInfo, MachineMemoryFigures) {
 
   SYSTEMINFOSTRUCT rec{};
   SystemInfo::SystemMemoryInfoEx(&rec);
-  SystemInfo::SystemMemoryInfoEx(nullptr);  // ignored
   EXPECT_EQ(std::make_tuple(uint64_t{total}, uint64_t{ptotal}, uint64_t{0}),
             std::make_tuple(rec.totalPhysKB, rec.totalPageFileKB,
                             rec.availExtendedVirtualKB));
@@ -220,17 +189,20 @@ TEST(SystemInfo, AddressSpaceFollowsTheLimit) {
     SystemInfo::SystemMemoryInfo(total, avail, load, vtotal, vavail);
     EXPECT_EQ(0xFFFFFFFFu, vtotal);  // 128 TiB clamped to 32-bit KB
   }
-  // A soft limit 256 MiB above the present size: no allocation fails.
+  // A soft limit 256 MiB above the present size.
   const unsigned long long limit = VmSizeBytes() + (256ull << 20);
   struct rlimit rl = saved;
   rl.rlim_cur = limit;
   ASSERT_EQ(0, ::setrlimit(RLIMIT_AS, &rl));
   SystemInfo::SystemMemoryInfo(total, avail, load, vtotal, vavail);
+  const unsigned long long availKB = SystemInfo::AvailableVirtualMemoryKB();
   ASSERT_EQ(0, ::setrlimit(RLIMIT_AS, &saved));
   // Under a sanitizer the present size alone is terabytes: clamped.
   EXPECT_EQ(std::min(limit >> 10, 0xFFFFFFFFull), vtotal);
-  EXPECT_LE(vavail, 256u << 10);
-  EXPECT_GE(vavail, 192u << 10);
+  for (unsigned long long kb : {0ull + vavail, availKB}) {
+    EXPECT_LE(kb, 256u << 10);
+    EXPECT_GE(kb, 192u << 10);
+  }
 }
 
 TEST(SystemInfo, ProcessMemoryGrowsWithUse) {
@@ -257,7 +229,7 @@ TEST(SystemInfo, DiskFigures) {
   std::filesystem::space_info space = std::filesystem::space(dir.path());
   EXPECT_EQ(space.capacity, total);
   EXPECT_LE(free, total);
-  // Free space moves a little while other programs write; allow 64 MiB.
+  // Other writers move free space a little.
   EXPECT_LE(
       free > space.available ? free - space.available : space.available - free,
       64ull << 20);
@@ -274,19 +246,10 @@ TEST(SystemInfo, DiskFigures) {
               "SystemInfo::DiskInfo: GetDiskFreeSpaceEx() failed. OS Error: "));
 }
 
-TEST(SystemInfo, OSNameEndsWithOneBlank) {
-  ACE_CString name("caller's text");
-  SystemInfo::OSName(name);
-  ASSERT_GE(name.length(), 2u);
-  EXPECT_EQ(' ', name[name.length() - 1]);
-  EXPECT_NE(' ', name[name.length() - 2]);
-  EXPECT_EQ(ACE_CString::npos, name.find("caller's text"));
-}
-
 TEST(SystemInfo, ApplicationVersion) {
   EXPECT_STREQ("1.0.0",
                SystemInfo::ApplicationVersion(COM_LIBRARY_FILE).c_str());
-  // A real ELF file without a package note.
+  // An ELF file without a package note.
   testsupport::LogCapture log;
   EXPECT_STREQ("", SystemInfo::ApplicationVersion("/proc/self/exe").c_str());
   ASSERT_EQ(1u, log.records().size());
@@ -295,7 +258,6 @@ TEST(SystemInfo, ApplicationVersion) {
                                    "Unable to get file version info size."));
 }
 
-// The first line of `command`'s output.
 std::string FirstLine(const char* command) {
   std::string out;
   if (FILE* p = ::popen(command, "r")) {
@@ -307,8 +269,7 @@ std::string FirstLine(const char* command) {
   return out;
 }
 
-// Runs `body` in a forked child and returns its exit code (-1 when it did
-// not exit normally).
+// The exit code of `body` run in a child; -1 if it did not exit.
 template <typename F>
 int InChild(F body) {
   const pid_t pid = ::fork();
@@ -321,25 +282,18 @@ int InChild(F body) {
 
 constexpr int kNoPrivilege = 77;
 
-TEST(SystemInfo, ProcessorFacts) {
-  const std::string model =
-      FirstLine("sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo");
-  if (model.empty()) GTEST_SKIP() << "/proc/cpuinfo names no model";
-  EXPECT_EQ(model, SystemInfo::ProcessorNameFromRegistry().c_str());
-  const bool mmx = !FirstLine("grep -m1 -w -o mmx /proc/cpuinfo").empty();
-  EXPECT_EQ(mmx, SystemInfo::IsMMXProcessor());
-
+TEST(SystemInfo, ProcessorLine) {
   CPUInfo cpu;
   ASSERT_TRUE(SystemInfo::GetCPUInfo(cpu));
-  const unsigned mhz = SystemInfo::GetCPUSpeed();
-  EXPECT_GT(mhz, 0u);
   const std::string line = SystemInfo::ProcessorInfo().c_str();
-  EXPECT_EQ(0u, line.find(model + ", " + cpu.vendor.c_str() + " family " +
+  EXPECT_EQ(0u, line.find(std::string(CPUInfo::ModelName().c_str()) + ", " +
+                          cpu.vendor.c_str() + " family " +
                           std::to_string(cpu.family)))
       << line;
-  const std::string cores = std::to_string(cpu.physicalCores) + " cores (" +
-                            std::to_string(cpu.logicalCores) + " logical), ";
-  EXPECT_NE(std::string::npos, line.find(cores)) << line;
+  EXPECT_NE(std::string::npos,
+            line.find(std::to_string(cpu.physicalCores) + " cores (" +
+                      std::to_string(cpu.logicalCores) + " logical), "))
+      << line;
   EXPECT_EQ(line.size() - 4, line.rfind(" MHz")) << line;
 }
 
@@ -359,8 +313,7 @@ TEST(SystemInfo, IPAddressInANetworkOfItsOwn) {
     if (::unshare(CLONE_NEWNET) != 0) return kNoPrivilege;
     ACE_LOG_MSG->priority_mask(0, ACE_Log_Msg::PROCESS);
     if (SystemInfo::IPAddress() != "") return 10;  // nothing but lo, down
-    // lo up, a down interface first, then the one that counts (veth
-    // pairs: this kernel has no dummy links).
+    // A down interface first, then an up one (veth: no dummy links here).
     if (std::system("ip link set lo up && "
                     "ip link add k0 type veth peer name k0p && "
                     "ip addr add 10.88.0.1/24 dev k0 && "
@@ -386,15 +339,9 @@ TEST(SystemInfo, SetMachineNameInAUtsNamespaceOfItsOwn) {
       std::string name;
       bool ok;
     } rows[] = {
-        {"archive-01", true},
-        {"pacs.example.org", true},
-        {longest, true},
-        {longest + "a", false},
-        {"", false},
-        {"-leading", false},
-        {".leading", false},
-        {"has blank", false},
-        {"under_score", false},
+        {"pacs.example.org", true}, {longest, true},
+        {longest + "a", false},     {"", false},
+        {".leading", false},        {"under_score", false},
     };
     int row = 0;
     for (const auto& r : rows) {
@@ -413,23 +360,6 @@ TEST(SystemInfo, SetMachineNameInAUtsNamespaceOfItsOwn) {
   });
   if (code == kNoPrivilege) GTEST_SKIP() << "no privilege for a namespace";
   EXPECT_EQ(0, code) << "20+row: result, 40+row: name, 60+row: errno";
-}
-
-TEST(SystemInfo, AvailableVirtualMemoryFollowsTheAddressSpaceLimit) {
-  const int code = InChild([] {
-    std::ifstream statm("/proc/self/statm");
-    unsigned long long pages = 0;
-    statm >> pages;
-    const unsigned long long used = pages * ::getpagesize();
-    const unsigned long long room = 256ull << 20;
-    struct rlimit rl = {used + room, used + room};
-    if (::setrlimit(RLIMIT_AS, &rl) != 0) return 1;
-    const unsigned long long kb = SystemInfo::AvailableVirtualMemoryKB();
-    // The limit less what is mapped now, give or take 16 MiB of growth.
-    const unsigned long long want = room >> 10;
-    return kb + (16u << 10) >= want && kb <= want ? 0 : 2;
-  });
-  EXPECT_EQ(0, code);
 }
 
 }  // namespace
