@@ -362,4 +362,25 @@ TEST_F(NTServiceBusTest, CopiesAcrossThreads) {
   for (int i = 0; i < 6; ++i) EXPECT_EQ(0, wrong[i]) << i;
 }
 
+// The real manager, where this machine runs one: a transient unit made with
+// systemd-run, stopped through the class.
+TEST(NTServiceSystemd, TransientUnitOnTheRealManager) {
+  struct stat st;
+  if (::stat("/run/systemd/system", &st) != 0 || ::geteuid() != 0) {
+    GTEST_SKIP() << "systemd is not this machine's init, or not root";
+  }
+  const std::string unit = "com-test-" + std::to_string(::getpid());
+  if (std::system(("systemd-run --quiet --unit=" + unit +
+                   " --remain-after-exit /bin/true >/dev/null 2>&1")
+                      .c_str()) != 0) {
+    GTEST_SKIP() << "systemd-run could not start a transient unit";
+  }
+  NT_Service service(unit.c_str());
+  service.open();
+  EXPECT_TRUE(service.isRunning());
+  EXPECT_TRUE(service.isEnabled());  // transient: startable, not masked
+  service.stop();
+  EXPECT_FALSE(service.isRunning());
+}
+
 }  // namespace
