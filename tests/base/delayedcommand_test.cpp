@@ -55,8 +55,7 @@ TEST(DelayedCommand, RequestReachesTheQueueOnlyAfterItsDelay) {
       ASSERT_EQ(1u, capture.records().size());
       EXPECT_EQ(row.dump, capture.records()[0].text);
     }
-    // The completion record made by Schedule is the one that is signalled.
-    EXPECT_FALSE(request->IsCompleted());
+    EXPECT_FALSE(request->IsCompleted());  // Schedule's record is signalled
     ASSERT_EQ(0, object.run(1, 0));
     EXPECT_EQ(0, request->Wait());
     EXPECT_TRUE(ran.load());
@@ -78,9 +77,7 @@ TEST(DelayedCommand, OwnsItselfAndItsRequestUntilItFires) {
                               },
                               &deaths)),
                           Kelvane::NORMAL_PRIORITY, ACE_Time_Value(0, 200000));
-  // Nobody but the delayed command holds the request now; once the
-  // command has queued it and deleted itself, the run frees it.
-  EXPECT_EQ(0, deaths.load());
+  EXPECT_EQ(0, deaths.load());  // held by the delayed command alone
   EXPECT_TRUE(WaitUntil([&] { return deaths.load() == 1; }));
   EXPECT_TRUE(ran.load());
 }

@@ -1,5 +1,4 @@
-// The watchdog ends the process, so every case runs in a child process (a
-// death test re-executing this binary).
+// The watchdog ends the process: every case runs in a child (death test).
 #include "common/base/watchdogtimerrequest.h"
 
 #include <atomic>
@@ -28,9 +27,7 @@ class Watched : public ActiveObj {
 
  protected:
   void commandExecuted(MethodRequest& request) override {
-    if (std::strcmp(request.GetName(), "WatchDogTimerRequest") == 0) {
-      ++watchdogRuns;
-    }
+    watchdogRuns += std::strcmp(request.GetName(), "WatchDogTimerRequest") == 0;
   }
 };
 
@@ -83,7 +80,7 @@ TEST(WatchDogTimerRequest, HealthyObjectKeepsRunning) {
         Watched* object = new Watched("Healthy");
         object->run(1, 0);
         object->ActivateWatchDogTimer(1, 2);
-        // A busy but answering worker: requests of a second each.
+        // Busy but answering: requests of 0.9 s each.
         for (int i = 0; i < 4; ++i) {
           MethodRequest::Activate(
               MethodRequestAutoPtr(new CallRequest(
