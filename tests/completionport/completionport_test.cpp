@@ -132,10 +132,9 @@ TEST(CompletionPort, FileReadsAndWritesAtOffsets) {
     ACE_UINT32 length;
     size_t expected;  // bytes done
   } rows[] = {
-      {false, 65535, 70000, 70000}, {false, size - 5, 100, 5},
-      {false, size + 10, 10, 0},    {true, 100000, 65536, 65536},
-      {true, size + 4096, 20, 20},  {false, size - 8, 4200, 4124},
-      {false, 99999, 65538, 65538},
+      {false, size - 5, 100, 5},     {false, size + 10, 10, 0},
+      {true, 100000, 65536, 65536},  {true, size + 4096, 20, 20},
+      {false, size - 8, 4200, 4124}, {false, 99999, 65538, 65538},
   };
   uint32_t seed = 100;
   for (const auto& r : rows) {
@@ -571,7 +570,7 @@ TEST(CompletionPortReactor, EchoServerOnLoopback) {
   reactor->start();
   auto loop = std::async(std::launch::async, [&] { reactor->handleEvents(); });
   std::vector<std::thread> clients;
-  for (int c = 0; c < 4; ++c)
+  for (int c = 0; c < 2; ++c)
     clients.emplace_back([&, c] {
       int to = port, fd = Loopback(&to);
       for (size_t size : {1, 100000}) {
@@ -581,7 +580,7 @@ TEST(CompletionPortReactor, EchoServerOnLoopback) {
       close(fd);
     });
   for (auto& t : clients) t.join();
-  EXPECT_TRUE(WaitFor([&] { return echo.closed_ == 4; }));
+  EXPECT_TRUE(WaitFor([&] { return echo.closed_ == 2; }));
   EXPECT_EQ(0u, echo.failed_.load());
 
   int to = port, fd = Loopback(&to);
