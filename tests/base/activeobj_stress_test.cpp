@@ -105,27 +105,22 @@ void StopAllUnderLoad(bool urgent) {
       MethodRequestPtr next;
       {
         std::lock_guard<std::mutex> hold(sampleLock);
+        current = MethodRequestPtr();
         if (!samples.empty()) {
           next = samples.front();
-          samples.pop_front();
           current = next;
+          samples.pop_front();
+        } else if (!producing.load()) {
+          waiterDone = true;
+          return;
         }
       }
       if (next.isNull()) {
-        if (!producing.load()) {
-          std::lock_guard<std::mutex> hold(sampleLock);
-          if (samples.empty()) {
-            waiterDone = true;
-            return;
-          }
-        }
         std::this_thread::yield();
-        continue;
+      } else {
+        EXPECT_EQ(0, next->Wait());
+        ++waited;
       }
-      EXPECT_EQ(0, next->Wait());
-      ++waited;
-      std::lock_guard<std::mutex> hold(sampleLock);
-      current = MethodRequestPtr();
     }
   });
   std::thread stopper([&] {
