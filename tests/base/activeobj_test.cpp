@@ -237,17 +237,8 @@ TEST(ActiveObj, GracefulStopRunsOrdinaryWorkAndUrgentStopDiscardsIt) {
     ASSERT_EQ(0, object.run(row.workers, 0));
     std::atomic<bool> open{false};
     std::atomic<int> started{0};
-    for (int i = 0; i < row.workers; ++i) {
-      MethodRequest::Schedule(
-          MethodRequestPtr(new CallRequest(&object, "gate",
-                                           [&] {
-                                             ++started;
-                                             while (!open)
-                                               std::this_thread::yield();
-                                             return 0;
-                                           })),
-          Kelvane::NORMAL_PRIORITY);
-    }
+    for (int i = 0; i < row.workers; ++i)
+      testsupport::HoldWorker(&object, &open, &started);
     ASSERT_TRUE(WaitUntil([&] { return started.load() == row.workers; }));
     const std::pair<const char*, int> queued[] = {
         {"a", 30}, {"b", 30}, {"c", 45}, {"d", 10}, {"e", 10}};

@@ -26,17 +26,9 @@ TEST(SimpleScheduler, RacingFirstCallsMakeOneObjectWithOneWorker) {
 TEST(SimpleScheduler, DestroyDiscardsTheBacklogAndInstanceStartsAfresh) {
   SimpleScheduler* old = SimpleScheduler::Instance();
   std::atomic<bool> open{false};
-  std::atomic<bool> started{false};
-  MethodRequest::Schedule(
-      MethodRequestPtr(new CallRequest(old, "gate",
-                                       [&] {
-                                         started = true;
-                                         while (!open)
-                                           std::this_thread::yield();
-                                         return 0;
-                                       })),
-      Kelvane::NORMAL_PRIORITY);
-  ASSERT_TRUE(WaitUntil([&] { return started.load(); }));
+  std::atomic<int> started{0};
+  testsupport::HoldWorker(old, &open, &started);
+  ASSERT_TRUE(WaitUntil([&] { return started.load() == 1; }));
   std::atomic<int> ran{0};
   std::vector<MethodRequestPtr> backlog;
   for (int i = 0; i < 3; ++i) {

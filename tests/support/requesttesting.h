@@ -85,6 +85,21 @@ class CallRequest : public MethodRequest {
   std::atomic<int>* deaths_;
 };
 
+// Queues a request that holds a worker of `object` until `*open`; it bumps
+// `*started` on the worker.
+inline void HoldWorker(ActiveObj* object, const std::atomic<bool>* open,
+                       std::atomic<int>* started) {
+  MethodRequest::Schedule(
+      MethodRequestPtr(new CallRequest(object, "gate",
+                                       [open, started] {
+                                         ++*started;
+                                         while (!*open)
+                                           std::this_thread::yield();
+                                         return 0;
+                                       })),
+      Kelvane::NORMAL_PRIORITY);
+}
+
 // Runs ACE_Reactor::instance()'s loop on a thread of its own until destroyed.
 class ReactorLoop {
  public:
