@@ -1,7 +1,5 @@
 // Many producers against an object that is stopped while they insert.
 #include <atomic>
-#include <chrono>
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -28,32 +26,22 @@ const int kRequests = 100000;
 #else
 const int kRequests = 1000000;
 #endif
-const int kProducers = 4;
-const int kWorkers = 4;
-// Every kSampleth request gets a waiter.
-const int kSample = 997;
+const int kProducers = 4, kWorkers = 4;
+const int kSample = 997;  // every kSampleth request gets a waiter
 
 struct Tally {
-  std::atomic<int> executed{0};
-  std::atomic<int> twice{0};
-  // Destroyed after running, destroyed unrun but completed (drained),
-  // destroyed unrun and uncompleted (lost).
-  std::atomic<int> freedExecuted{0};
-  std::atomic<int> freedDrained{0};
-  std::atomic<int> freedLost{0};
+  std::atomic<int> executed{0}, twice{0};
+  // Freed after running, unrun but completed (drained), unrun and not.
+  std::atomic<int> freedExecuted{0}, freedDrained{0}, freedLost{0};
 };
 
 class Counted : public MethodRequest {
  public:
   Counted(ActiveObj* target, Tally* tally) : target_(target), tally_(tally) {}
   ~Counted() override {
-    if (ran_.load()) {
-      ++tally_->freedExecuted;
-    } else if (IsCompleted()) {
-      ++tally_->freedDrained;
-    } else {
-      ++tally_->freedLost;
-    }
+    ++(ran_.load()     ? tally_->freedExecuted
+       : IsCompleted() ? tally_->freedDrained
+                       : tally_->freedLost);
   }
   ActiveObj* GetActiveObj() override { return target_; }
   const char* GetName() override { return "Counted"; }
@@ -81,13 +69,11 @@ Kelvane::CommandPriority PriorityOf(int i) {
 
 void StopAllUnderLoad(bool urgent) {
   ActiveObj::SetLoggingEnabled(false);
-  // stopAll stops every object of the process; the others run again after.
+  // stopAll stops every object; the others run again after.
   std::vector<std::pair<ActiveObj*, size_t>> others;
-  for (const auto& entry : ActiveObj::getAllSchedulers()) {
-    if (entry.second->thr_count() > 0) {
+  for (const auto& entry : ActiveObj::getAllSchedulers())
+    if (entry.second->thr_count() > 0)
       others.push_back({entry.second, entry.second->thr_count()});
-    }
-  }
 
   Tally tally;
   ActiveObj object("Stress", 1u << 30);
@@ -97,11 +83,8 @@ void StopAllUnderLoad(bool urgent) {
   std::deque<MethodRequestPtr> samples;
   MethodRequestPtr current;  // the sample the waiter waits on
   std::atomic<bool> producing{true};
-  std::atomic<int> inserted{0};
-  std::atomic<int> waited{0};
+  std::atomic<int> inserted{0}, waited{0};
   std::atomic<bool> waiterDone{false};
-
-  const auto start = std::chrono::steady_clock::now();
   std::vector<std::thread> producers;
   for (int p = 0; p < kProducers; ++p) {
     producers.emplace_back([&, p] {
@@ -116,34 +99,28 @@ void StopAllUnderLoad(bool urgent) {
       }
     });
   }
-  // Waits on sampled requests: every wait must return, whether the request
-  // ran or was drained (the pending ones run after the restart below).
+  // Every wait on a sample returns, whether it ran or was drained.
   std::thread waiter([&] {
     for (;;) {
       MethodRequestPtr next;
       {
         std::lock_guard<std::mutex> hold(sampleLock);
+        current = MethodRequestPtr();
         if (!samples.empty()) {
           next = samples.front();
-          samples.pop_front();
           current = next;
+          samples.pop_front();
+        } else if (!producing.load()) {
+          waiterDone = true;
+          return;
         }
       }
       if (next.isNull()) {
-        if (!producing.load()) {
-          std::lock_guard<std::mutex> hold(sampleLock);
-          if (samples.empty()) {
-            waiterDone = true;
-            return;
-          }
-        }
         std::this_thread::yield();
-        continue;
+      } else {
+        EXPECT_EQ(0, next->Wait());
+        ++waited;
       }
-      EXPECT_EQ(0, next->Wait());
-      ++waited;
-      std::lock_guard<std::mutex> hold(sampleLock);
-      current = MethodRequestPtr();
     }
   });
   std::thread stopper([&] {
@@ -154,25 +131,19 @@ void StopAllUnderLoad(bool urgent) {
   for (std::thread& t : producers) t.join();
   producing = false;
   stopper.join();
-  const auto elapsed = std::chrono::steady_clock::now() - start;
 
   const int pending = static_cast<int>(object.pending());
-  // The waiter still holds some samples that ran or were drained; they are
-  // not freed yet. A held sample that neither ran nor completed is queued,
-  // counted by pending().
-  int heldExecuted = 0;
-  int heldDrained = 0;
+  // Samples the waiter still holds are not freed yet; one that neither ran
+  // nor completed is counted by pending().
+  int heldExecuted = 0, heldDrained = 0;
   {
     std::lock_guard<std::mutex> hold(sampleLock);
     std::vector<MethodRequestPtr> held(samples.begin(), samples.end());
     if (!current.isNull()) held.push_back(current);
     for (const MethodRequestPtr& r : held) {
       Counted* request = static_cast<Counted*>(r.get());
-      if (request->ran()) {
-        ++heldExecuted;
-      } else if (request->IsCompleted()) {
-        ++heldDrained;
-      }
+      heldExecuted += request->ran();
+      heldDrained += !request->ran() && request->IsCompleted();
     }
   }
   const int drained = tally.freedDrained.load() + heldDrained;
@@ -184,18 +155,7 @@ void StopAllUnderLoad(bool urgent) {
   EXPECT_EQ(kRequests, tally.executed.load() + drained + pending)
       << "executed " << tally.executed << ", drained " << drained
       << ", pending " << pending;
-  std::printf(
-      "stress %s stop: %d requests, %d producers, %d workers, %lld ms: "
-      "executed %d, drained %d, pending %d\n",
-      urgent ? "urgent" : "graceful", kRequests, kProducers, kWorkers,
-      static_cast<long long>(
-          std::chrono::duration_cast<std::chrono::milliseconds>(elapsed)
-              .count()),
-      tally.executed.load(), drained, pending);
-
-  // What was inserted after the drain runs once the object runs again, up
-  // to the graceful stop that discards the low-priority rest. Every waiter
-  // returns.
+  // Run again, then a graceful stop: every waiter returns.
   ASSERT_EQ(0, object.run(2, 0));
   object.stop(false);
   EXPECT_TRUE(testsupport::WaitUntil([&] { return waiterDone.load(); }));
@@ -205,9 +165,8 @@ void StopAllUnderLoad(bool urgent) {
   EXPECT_EQ(kRequests, tally.freedExecuted.load() + tally.freedDrained.load());
   EXPECT_EQ(0, tally.freedLost.load());
 
-  for (const auto& other : others) {
+  for (const auto& other : others)
     other.first->run(static_cast<int>(other.second), 0);
-  }
   ActiveObj::SetLoggingEnabled(true);
 }
 

@@ -22,7 +22,6 @@ TEST(ServiceBarrier, RacingFirstCallsGetOneBarrier) {
 
 TEST(ServiceBarrier, HoldsWorkersBackUntilTheStartPhaseEnds) {
   ServiceBarrier* barrier = ServiceBarrier::instance();
-  ASSERT_NE(nullptr, barrier);
   barrier->wait();  // no start phase: returns at once
 
   barrier->start();
@@ -49,10 +48,8 @@ TEST(ServiceBarrier, HoldsWorkersBackUntilTheStartPhaseEnds) {
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   const int duringStart = ran.load();
-  const unsigned int queued = object.pending();
   phase.End();
   EXPECT_EQ(0, duringStart) << "a worker ran before the start phase ended";
-  EXPECT_EQ(2u, queued);
   EXPECT_TRUE(WaitUntil([&] { return ran.load() == 2; }));
   object.stop(false);
 }

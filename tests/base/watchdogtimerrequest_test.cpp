@@ -1,5 +1,4 @@
-// The watchdog ends the process, so every case runs in a child process (a
-// death test re-executing this binary).
+// The watchdog ends the process: every case runs in a child (death test).
 #include "common/base/watchdogtimerrequest.h"
 
 #include <atomic>
@@ -18,19 +17,31 @@
 
 namespace {
 
-using testsupport::CallRequest;
-
 // Counts the watchdog requests its workers have run.
 class Watched : public ActiveObj {
  public:
-  explicit Watched(const char* name) : ActiveObj(name, 100) {}
+  explicit Watched(const char* name) : ActiveObj(name, 100) {
+    ActiveObj::SetLoggingEnabled(false);
+    run(1, 0);
+  }
+  // Queues work that sleeps 0.9 s, or forever.
+  void Busy(bool forever) {
+    MethodRequest::Activate(
+        MethodRequestAutoPtr(new testsupport::CallRequest(
+            this, "Work",
+            [forever] {
+              do {
+                std::this_thread::sleep_for(std::chrono::milliseconds(900));
+              } while (forever);
+              return 0;
+            })),
+        Kelvane::NORMAL_PRIORITY);
+  }
   std::atomic<int> watchdogRuns{0};
 
  protected:
   void commandExecuted(MethodRequest& request) override {
-    if (std::strcmp(request.GetName(), "WatchDogTimerRequest") == 0) {
-      ++watchdogRuns;
-    }
+    watchdogRuns += std::strcmp(request.GetName(), "WatchDogTimerRequest") == 0;
   }
 };
 
@@ -48,19 +59,8 @@ TEST(WatchDogTimerRequest, StuckWorkerEndsTheProcessWithStatusZero) {
   const auto started = std::chrono::steady_clock::now();
   EXPECT_EXIT(
       {
-        ActiveObj::SetLoggingEnabled(false);
         Watched* object = new Watched("Stuck");
-        object->run(1, 0);
-        MethodRequest::Activate(
-            MethodRequestAutoPtr(new CallRequest(
-                object, "Block",
-                [] {
-                  for (;;) {
-                    std::this_thread::sleep_for(std::chrono::seconds(1));
-                  }
-                  return 0;
-                })),
-            Kelvane::NORMAL_PRIORITY);
+        object->Busy(true);
         object->ActivateWatchDogTimer(1, 2);
         RunReactorFor(30);
         std::fprintf(stderr, "the watchdog did not fire\n");
@@ -79,21 +79,9 @@ TEST(WatchDogTimerRequest, HealthyObjectKeepsRunning) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        ActiveObj::SetLoggingEnabled(false);
         Watched* object = new Watched("Healthy");
-        object->run(1, 0);
         object->ActivateWatchDogTimer(1, 2);
-        // A busy but answering worker: requests of a second each.
-        for (int i = 0; i < 4; ++i) {
-          MethodRequest::Activate(
-              MethodRequestAutoPtr(new CallRequest(
-                  object, "Work",
-                  [] {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(900));
-                    return 0;
-                  })),
-              Kelvane::NORMAL_PRIORITY);
-        }
+        for (int i = 0; i < 4; ++i) object->Busy(false);
         RunReactorFor(5);
         object->stop(false);
         std::fprintf(stderr, "watchdog requests run: %d\n",

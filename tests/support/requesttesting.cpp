@@ -5,9 +5,7 @@
 namespace testsupport {
 namespace {
 
-// The process-wide schedulers outlive the tests that start them. Their
-// workers are stopped before the process ends, so that ACE's own teardown
-// at exit never runs beside a live worker thread.
+// Stops the process-wide schedulers' workers before ACE's teardown at exit.
 class StopWorkersAtEnd : public ::testing::Environment {
  public:
   void TearDown() override { ActiveObj::stopAll(true); }

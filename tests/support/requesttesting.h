@@ -1,6 +1,4 @@
-// Helpers for the tests of active objects and their timers: a request that
-// runs a function, the reactor's event loop on a thread of its own, a log
-// capture that sees every thread, and a poll with a deadline.
+// Helpers for the tests of active objects and their timers.
 #ifndef COM_TESTS_SUPPORT_REQUESTTESTING_H_
 #define COM_TESTS_SUPPORT_REQUESTTESTING_H_
 
@@ -23,8 +21,7 @@
 
 namespace testsupport {
 
-// Polls `condition` every millisecond until it holds or `timeoutMs` passed;
-// answers the last result.
+// Polls `condition` until it holds or `timeoutMs` passed.
 inline bool WaitUntil(const std::function<bool()>& condition,
                       int timeoutMs = 10000) {
   const auto deadline =
@@ -43,13 +40,12 @@ std::vector<T*> RaceCalls(T* (*get)()) {
   std::atomic<int> waiting{kThreads};
   std::vector<T*> seen(kThreads, nullptr);
   std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
+  for (int i = 0; i < kThreads; ++i)
     threads.emplace_back([&, i] {
       --waiting;
       while (waiting.load() > 0) std::this_thread::yield();
       seen[i] = get();
     });
-  }
   for (std::thread& t : threads) t.join();
   return seen;
 }
@@ -57,14 +53,12 @@ std::vector<T*> RaceCalls(T* (*get)()) {
 // Entries of ActiveObj's registry under `name`.
 inline int Registered(const char* name) {
   int found = 0;
-  for (const auto& entry : ActiveObj::getAllSchedulers()) {
-    if (entry.first == name) ++found;
-  }
+  for (const auto& entry : ActiveObj::getAllSchedulers())
+    found += entry.first == name;
   return found;
 }
 
-// A request that runs `body` on the worker and answers its result. Its
-// destructor bumps `*deaths` when given.
+// Runs `body` on the worker; its destructor bumps `*deaths` when given.
 class CallRequest : public MethodRequest {
  public:
   CallRequest(ActiveObj* target, const char* name, std::function<int()> body,
@@ -91,8 +85,22 @@ class CallRequest : public MethodRequest {
   std::atomic<int>* deaths_;
 };
 
-// Runs the event loop of ACE_Reactor::instance() on a thread of its own
-// (made the reactor's owner) until destroyed.
+// Queues a request that holds a worker of `object` until `*open`; it bumps
+// `*started` on the worker.
+inline void HoldWorker(ActiveObj* object, const std::atomic<bool>* open,
+                       std::atomic<int>* started) {
+  MethodRequest::Schedule(
+      MethodRequestPtr(new CallRequest(object, "gate",
+                                       [open, started] {
+                                         ++*started;
+                                         while (!*open)
+                                           std::this_thread::yield();
+                                         return 0;
+                                       })),
+      Kelvane::NORMAL_PRIORITY);
+}
+
+// Runs ACE_Reactor::instance()'s loop on a thread of its own until destroyed.
 class ReactorLoop {
  public:
   ReactorLoop() {
@@ -113,8 +121,7 @@ class ReactorLoop {
   std::thread thread_;
 };
 
-// Collects the log records of every thread while it lives (ACE's custom
-// back end), instead of printing them.
+// Collects the log records of every thread while it lives.
 class SharedLogCapture : public ACE_Log_Msg_Backend {
  public:
   struct Record {
@@ -141,16 +148,12 @@ class SharedLogCapture : public ACE_Log_Msg_Backend {
         {static_cast<ACE_Log_Priority>(record.type()), record.msg_data()});
     return 0;
   }
-  std::vector<Record> Records() {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return records_;
-  }
   // Records whose text contains `part`.
   std::vector<Record> Matching(const std::string& part) {
+    std::lock_guard<std::mutex> hold(mutex_);
     std::vector<Record> found;
-    for (const Record& r : Records()) {
+    for (const Record& r : records_)
       if (r.text.find(part) != std::string::npos) found.push_back(r);
-    }
     return found;
   }
 
